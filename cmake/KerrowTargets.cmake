@@ -1,0 +1,60 @@
+# Every subsystem under src/ compiles into its own object library, so a test
+# suite links exactly the subsystems it exercises, and a half-written file in
+# one subsystem never stops another subsystem's suite from building.
+
+function(kerrow_apply_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror)
+  target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR}/src)
+  if(KERROW_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${KERROW_SANITIZE} -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=${KERROW_SANITIZE})
+  endif()
+endfunction()
+
+function(kerrow_subsystem name)
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/${name}/*.cc)
+  list(FILTER sources EXCLUDE REGEX "/main\\.cc$")
+  if(sources)
+    add_library(kerrow_${name} OBJECT ${sources})
+    kerrow_apply_warnings(kerrow_${name})
+    target_compile_definitions(kerrow_${name} PRIVATE KERROW_VERSION="0.1.0")
+  endif()
+endfunction()
+
+# Adds the objects of the named subsystems to target, plus the libraries they need.
+function(kerrow_link_subsystems target)
+  foreach(name ${ARGN})
+    if(TARGET kerrow_${name})
+      target_sources(${target} PRIVATE $<TARGET_OBJECTS:kerrow_${name}>)
+    endif()
+  endforeach()
+  target_link_libraries(${target} PRIVATE sherpa_onnx_c_api Threads::Threads)
+endfunction()
+
+# kerrow_test_suite(NAME DEPS subsystem... [NEEDS_BINARY])
+# Builds every *_test.cc of the calling folder into NAME_tests and registers each
+# test with CTest. NEEDS_BINARY makes the suite wait for the kerrow executable.
+function(kerrow_test_suite name)
+  cmake_parse_arguments(ARG "NEEDS_BINARY" "" "DEPS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc)
+  add_executable(${name}_tests ${sources})
+  kerrow_apply_warnings(${name}_tests)
+  kerrow_link_subsystems(${name}_tests ${ARG_DEPS})
+  target_include_directories(${name}_tests PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+  target_link_libraries(${name}_tests PRIVATE GTest::gtest_main GTest::gmock)
+  if(TARGET kerrow_test_support)
+    target_link_libraries(${name}_tests PRIVATE kerrow_test_support)
+  endif()
+  target_compile_definitions(${name}_tests PRIVATE
+    KERROW_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
+    KERROW_MODELS_DIR="${KERROW_MODELS_DIR}"
+    KERROW_TEST_DATA_DIR="${KERROW_TEST_DATA_DIR}"
+    KERROW_VAD_MODEL="${KERROW_VAD_MODEL}"
+    KERROW_BINARY="$<TARGET_FILE:kerrow>")
+  if(ARG_NEEDS_BINARY)
+    add_dependencies(${name}_tests kerrow)
+  endif()
+  gtest_discover_tests(${name}_tests
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES LABELS ${name} TIMEOUT 600)
+endfunction()

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build and the tests need, pinned by version.
+# apt checks every package against the signed archive index, so the pin is the
+# checksum as well. Skips apt entirely when every pinned version is present.
+set -euo pipefail
+
+packages=(
+  cmake=3.25.1-1
+  g++=4:12.2.0-3
+  make=4.3-4.1
+  libgtest-dev=1.12.1-0.2
+  libgmock-dev=1.12.1-0.2
+  libbenchmark-dev=1.7.1-1
+  openssl
+)
+
+missing=()
+for spec in "${packages[@]}"; do
+  name=${spec%%=*}
+  want=${spec#*=}
+  have=$(dpkg-query -W -f='${Version}' "$name" 2>/dev/null || true)
+  if [ -z "$have" ] || { [ "$want" != "$spec" ] && [ "$have" != "$want" ]; }; then
+    missing+=("$spec")
+  fi
+done
+# npm fetches the pinned sherpa-onnx runtime; Debian's own npm serves when the
+# machine has none.
+if ! command -v npm >/dev/null 2>&1; then
+  missing+=(npm=9.2.0~ds1-1)
+fi
+
+if [ ${#missing[@]} -gt 0 ]; then
+  sudo_cmd=()
+  [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+  "${sudo_cmd[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
