@@ -31,13 +31,14 @@ function(kerrow_link_subsystems target)
   target_link_libraries(${target} PRIVATE sherpa_onnx_c_api Threads::Threads)
 endfunction()
 
-# kerrow_test_suite(NAME DEPS subsystem... [NEEDS_BINARY])
+# kerrow_test_suite(NAME DEPS subsystem... [EXTRA_SOURCES file...] [NEEDS_BINARY])
 # Builds every *_test.cc of the calling folder into NAME_tests and registers each
-# test with CTest. NEEDS_BINARY makes the suite wait for the kerrow executable.
+# test with CTest. EXTRA_SOURCES compiles single src/ files in without linking
+# their whole subsystem. NEEDS_BINARY makes the suite wait for the kerrow executable.
 function(kerrow_test_suite name)
-  cmake_parse_arguments(ARG "NEEDS_BINARY" "" "DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "NEEDS_BINARY" "" "DEPS;EXTRA_SOURCES" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc)
-  add_executable(${name}_tests ${sources})
+  add_executable(${name}_tests ${sources} ${ARG_EXTRA_SOURCES})
   kerrow_apply_warnings(${name}_tests)
   kerrow_link_subsystems(${name}_tests ${ARG_DEPS})
   target_include_directories(${name}_tests PRIVATE ${CMAKE_SOURCE_DIR}/tests)
