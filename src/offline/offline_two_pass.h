@@ -1,0 +1,29 @@
+#ifndef KERROW_OFFLINE_OFFLINE_TWO_PASS_H_
+#define KERROW_OFFLINE_OFFLINE_TWO_PASS_H_
+
+#include "app/options.h"
+
+namespace kerrow {
+
+class DiarizationBackend;
+class EventEmitter;
+class OfflineDecoderBackend;
+class PuncBackend;
+class SpeakerIdentifier;
+struct AudioBuffer;
+
+// Turns a whole recording (the AudioBuffer's capture_samples) into one final
+// "result" record: VAD grouping, second-pass decode per group, punctuation,
+// optional diarization, speaker identification and speaker assignment, then
+// the merged text punctuated once more. punc, diarization and speaker_id may
+// be null. Returns false, with nothing emitted, when a decode fails.
+bool DecodeAndEmitOffline2PassFull(const Options& options,
+                                   OfflineDecoderBackend* decoder,
+                                   PuncBackend* punc,
+                                   DiarizationBackend* diarization,
+                                   SpeakerIdentifier* speaker_id,
+                                   EventEmitter* emitter, AudioBuffer* audio);
+
+}  // namespace kerrow
+
+#endif  // KERROW_OFFLINE_OFFLINE_TWO_PASS_H_
