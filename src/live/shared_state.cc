@@ -1,0 +1,21 @@
+#include "live/shared_state.h"
+
+#include <cmath>
+#include <limits>
+
+namespace kerrow {
+
+uint32_t SinglePartialStepSamples(double seconds, int sample_rate) {
+  const double rate = sample_rate < 1 ? 16000.0 : static_cast<double>(sample_rate);
+  double interval = (std::isfinite(seconds) && seconds > 0.0) ? seconds : 0.5;
+  // Below 0.2 s the window would be re-decoded several times per chunk.
+  if (interval < 0.2) interval = 0.2;
+  const double samples = std::round(rate * interval);
+  if (samples < 1.0) return 1;
+  if (samples > static_cast<double>(std::numeric_limits<uint32_t>::max())) {
+    return std::numeric_limits<uint32_t>::max();
+  }
+  return static_cast<uint32_t>(samples);
+}
+
+}  // namespace kerrow
