@@ -1,0 +1,79 @@
+#include "diarization/diarization_backend.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace kerrow {
+namespace {
+
+// Neither backend is built into this binary yet, so the factory's answer names
+// the backend it selected: that is what these tests read.
+constexpr char kFluidAudioNotBuilt[] =
+    "fluidaudio backend was requested via --diarization-helper-binary but is not "
+    "compiled into this binary";
+constexpr char kSherpaOnnxNotBuilt[] =
+    "sherpa-onnx backend was requested via --diarization-segmentation-model / "
+    "--diarization-embedding-model but is not compiled into this binary";
+constexpr char kNothingSelected[] =
+    "no diarization backend selected: pass either --diarization-helper-binary (fluidaudio) "
+    "or --diarization-segmentation-model + --diarization-embedding-model (sherpa-onnx)";
+
+TEST(CreateDiarizationBackend, HelperBinaryWinsOverModelPaths) {
+  DiarizationInitOptions options;
+  options.helper_binary = "/usr/local/bin/diarize-helper";
+  options.segmentation_model = "/models/segmentation.onnx";
+  options.embedding_model = "/models/embedding.onnx";
+  std::string error;
+  EXPECT_EQ(CreateDiarizationBackend(options, &error), nullptr);
+  EXPECT_EQ(error, kFluidAudioNotBuilt);
+}
+
+TEST(CreateDiarizationBackend, EmbeddingModelAloneSelectsSherpaOnnx) {
+  DiarizationInitOptions options;
+  options.embedding_model = "/models/embedding.onnx";
+  std::string error;
+  EXPECT_EQ(CreateDiarizationBackend(options, &error), nullptr);
+  EXPECT_EQ(error, kSherpaOnnxNotBuilt);
+}
+
+TEST(CreateDiarizationBackend, SegmentationModelAloneSelectsSherpaOnnx) {
+  DiarizationInitOptions options;
+  options.segmentation_model = "/models/segmentation.onnx";
+  std::string error;
+  EXPECT_EQ(CreateDiarizationBackend(options, &error), nullptr);
+  EXPECT_EQ(error, kSherpaOnnxNotBuilt);
+}
+
+TEST(CreateDiarizationBackend, ModelDirectoryAloneSelectsNothing) {
+  DiarizationInitOptions options;
+  options.model = "/models/diarization";
+  std::string error;
+  EXPECT_EQ(CreateDiarizationBackend(options, &error), nullptr);
+  EXPECT_EQ(error, kNothingSelected);
+}
+
+TEST(CreateDiarizationBackend, NullErrorPointerIsAllowed) {
+  DiarizationInitOptions options;
+  EXPECT_EQ(CreateDiarizationBackend(options, nullptr), nullptr);
+}
+
+TEST(DiarizationInitOptions, DefaultsMatchTheCommandLineDefaults) {
+  const DiarizationInitOptions options;
+  EXPECT_EQ(options.num_threads, 1);
+  EXPECT_EQ(options.provider, "cpu");
+  EXPECT_EQ(options.min_speakers, 0);
+  EXPECT_EQ(options.max_speakers, 0);
+  EXPECT_FLOAT_EQ(options.min_duration_on, 0.3f);
+  EXPECT_FLOAT_EQ(options.min_duration_off, 0.5f);
+  EXPECT_EQ(options.backend, "offline");
+  EXPECT_TRUE(options.helper_binary.empty());
+}
+
+TEST(MakeDiarizationBackends, ReturnNullWhileNotBuiltIn) {
+  EXPECT_EQ(MakeSherpaOnnxDiarizationBackend(), nullptr);
+  EXPECT_EQ(MakeFluidAudioDiarizationBackend(), nullptr);
+}
+
+}  // namespace
+}  // namespace kerrow
