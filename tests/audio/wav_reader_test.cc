@@ -1,0 +1,214 @@
+#include "audio/wav_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "audio/wav_bytes.h"
+#include "support/kerrow_process.h"
+
+namespace kerrow {
+namespace {
+
+using testing::Chunk;
+using testing::FmtBody;
+using testing::Le16;
+using testing::Le32;
+using testing::Riff;
+using testing::S16Samples;
+
+const char kUnsupported[] = "Unsupported WAV format. Expect mono 16-bit PCM or mono 32-bit float";
+
+class WavReaderTest : public ::testing::Test {
+ protected:
+  // Writes bytes to a file and reads it back at 16 kHz; returns the reader's result.
+  bool Read(const std::string& bytes) {
+    const std::string path = dir_.File("input.wav");
+    testing::WriteFileBytes(path, bytes);
+    return ReadWavMono(path, 16000, &samples_, &error_);
+  }
+
+  testing::TempDir dir_;
+  std::vector<float> samples_;
+  std::string error_;
+};
+
+std::string Float32Samples(const std::vector<float>& values) {
+  std::string bytes(values.size() * 4, '\0');
+  std::memcpy(&bytes[0], values.data(), bytes.size());
+  return bytes;
+}
+
+TEST_F(WavReaderTest, CanonicalSixteenBitExtremesScaleByOneOver32768) {
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)),
+                         Chunk("data", S16Samples({0x8000, 0x7FFF}))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{-1.0f, 0.999969482421875f}));
+}
+
+TEST_F(WavReaderTest, CanonicalFileIsFortyFourBytesOfHeader) {
+  const std::string bytes =
+      Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", S16Samples({0x8000, 0x7FFF}))});
+  ASSERT_EQ(bytes.size(), 44u + 4u);
+  ASSERT_TRUE(Read(bytes)) << error_;
+  EXPECT_EQ(samples_.size(), 2u);
+}
+
+TEST_F(WavReaderTest, WrongSampleRateFailsNamingTheExpectedRate) {
+  EXPECT_FALSE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 44100, 16)), Chunk("data", S16Samples({1}))})));
+  EXPECT_EQ(error_, "WAV sample rate must be 16000");
+}
+
+TEST_F(WavReaderTest, StereoFailsBeforeSampleRate) {
+  EXPECT_FALSE(
+      Read(Riff({Chunk("fmt ", FmtBody(1, 2, 44100, 16)), Chunk("data", S16Samples({1, 2}))})));
+  EXPECT_EQ(error_, "WAV must be mono");
+}
+
+TEST_F(WavReaderTest, ListChunkBetweenFmtAndDataIsSkipped) {
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)),
+                         Chunk("LIST", "INFOISFT\x06\0\0\0kerrow"),
+                         Chunk("data", S16Samples({0x4000}))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.5f}));
+}
+
+TEST_F(WavReaderTest, OddSizedChunkIsFollowedByItsPadByte) {
+  const std::string odd_chunk = Chunk("junk", "abc");
+  ASSERT_EQ(odd_chunk.size(), 8u + 3u + 1u);
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), odd_chunk,
+                         Chunk("data", S16Samples({0xC000}))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{-0.5f}));
+}
+
+TEST_F(WavReaderTest, EighteenByteFmtChunkSkipsTheExtraBytes) {
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16) + Le16(0)),
+                         Chunk("data", S16Samples({0x2000, 0xE000}))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.25f, -0.25f}));
+}
+
+TEST_F(WavReaderTest, ExtensibleFormatTagIsUnsupportedEvenWithPcmSubFormat) {
+  // cbSize 22, valid bits 16, channel mask 4, then the PCM sub-format GUID.
+  const std::string extension = Le16(22) + Le16(16) + Le32(4) +
+                                std::string("\x01\x00\x00\x00\x00\x00\x10\x00\x80\x00\x00\xAA\x00\x38\x9B\x71", 16);
+  EXPECT_FALSE(Read(Riff({Chunk("fmt ", FmtBody(0xFFFE, 1, 16000, 16) + extension),
+                          Chunk("data", S16Samples({1}))})));
+  EXPECT_EQ(error_, kUnsupported);
+}
+
+TEST_F(WavReaderTest, TwentyFourBitPcmIsUnsupported) {
+  EXPECT_FALSE(
+      Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 24)), Chunk("data", std::string(6, '\x01'))})));
+  EXPECT_EQ(error_, kUnsupported);
+}
+
+TEST_F(WavReaderTest, BareRiffHeaderFailsAsNotMono) {
+  EXPECT_FALSE(Read("RIFF" + Le32(4) + "WAVE"));
+  EXPECT_EQ(error_, "WAV must be mono");
+}
+
+TEST_F(WavReaderTest, TruncatedDataChunkFails) {
+  const std::string bytes = Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16))}) + "data" + Le32(1000) +
+                            S16Samples({1, 2, 3});
+  EXPECT_FALSE(Read(bytes));
+  EXPECT_EQ(error_, "Invalid WAV data chunk");
+}
+
+TEST_F(WavReaderTest, HugeDeclaredDataSizeFailsAsTruncated) {
+  const std::string bytes =
+      Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16))}) + "data" + Le32(0xFFFFFFF0u) + S16Samples({1});
+  EXPECT_FALSE(Read(bytes));
+  EXPECT_EQ(error_, "Invalid WAV data chunk");
+}
+
+TEST_F(WavReaderTest, MissingFileIsNotFound) {
+  const std::string path = dir_.File("absent.wav");
+  EXPECT_FALSE(ReadWavMono(path, 16000, &samples_, &error_));
+  EXPECT_EQ(error_, "WAV file not found: " + path);
+}
+
+TEST_F(WavReaderTest, ShortRiffHeaderIsInvalid) {
+  EXPECT_FALSE(Read("RIFF" + Le32(4) + "WA"));
+  EXPECT_EQ(error_, "Invalid WAV header");
+}
+
+TEST_F(WavReaderTest, OtherFormTypeIsNotRiffWave) {
+  EXPECT_FALSE(Read("RIFF" + Le32(4) + "AVI "));
+  EXPECT_EQ(error_, "Not a RIFF/WAVE file");
+}
+
+TEST_F(WavReaderTest, ShortFmtChunkIsInvalid) {
+  const std::string bytes = "RIFF" + Le32(20) + "WAVE" + "fmt " + Le32(16) + Le16(1) + Le16(1);
+  EXPECT_FALSE(Read(bytes));
+  EXPECT_EQ(error_, "Invalid WAV fmt chunk");
+}
+
+TEST_F(WavReaderTest, EmptyDataChunkHasNoData) {
+  EXPECT_FALSE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", "")})));
+  EXPECT_EQ(error_, "WAV has no data");
+}
+
+TEST_F(WavReaderTest, FmtChunkAfterDataIsStillUsed) {
+  ASSERT_TRUE(Read(Riff({Chunk("data", S16Samples({0x4000})), Chunk("fmt ", FmtBody(1, 1, 16000, 16))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.5f}));
+}
+
+TEST_F(WavReaderTest, SecondDataChunkReplacesTheFirst) {
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", S16Samples({0x4000})),
+                         Chunk("data", S16Samples({0xC000, 0x2000}))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{-0.5f, 0.25f}));
+}
+
+TEST_F(WavReaderTest, FloatSamplesAreCopiedWithoutClampingOrValidation) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(3, 1, 16000, 32)),
+                         Chunk("data", Float32Samples({1.5f, -2.0f, nan}))})))
+      << error_;
+  ASSERT_EQ(samples_.size(), 3u);
+  EXPECT_EQ(samples_[0], 1.5f);
+  EXPECT_EQ(samples_[1], -2.0f);
+  EXPECT_TRUE(std::isnan(samples_[2]));
+}
+
+TEST_F(WavReaderTest, TrailingPartialSamplesAreDropped) {
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(3, 1, 16000, 32)),
+                         Chunk("data", Float32Samples({0.125f}) + "\x01\x02\x03")})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.125f}));
+}
+
+TEST_F(WavReaderTest, NullOutputsFailWithoutTouchingAnything) {
+  std::string error = "untouched";
+  EXPECT_FALSE(ReadWavMono(dir_.File("x.wav"), 16000, nullptr, &error));
+  EXPECT_EQ(error, "untouched");
+  std::vector<float> samples = {1.0f};
+  EXPECT_FALSE(ReadWavMono(dir_.File("x.wav"), 16000, &samples, nullptr));
+  EXPECT_EQ(samples, (std::vector<float>{1.0f}));
+}
+
+TEST_F(WavReaderTest, SuccessLeavesErrorUntouchedAndReplacesOldSamples) {
+  error_ = "previous";
+  samples_ = {9.0f, 9.0f, 9.0f};
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", S16Samples({0}))})));
+  EXPECT_EQ(error_, "previous");
+  EXPECT_EQ(samples_, (std::vector<float>{0.0f}));
+}
+
+TEST(WavReader, BundledRecordingMatchesIndependentReader) {
+  const std::string path = testing::AudioPath("espeak/en_short.wav");
+  std::vector<float> samples;
+  std::string error;
+  ASSERT_TRUE(ReadWavMono(path, 16000, &samples, &error)) << error;
+  EXPECT_EQ(samples, testing::LoadWavForTest(path));
+}
+
+}  // namespace
+}  // namespace kerrow
