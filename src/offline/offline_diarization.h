@@ -32,9 +32,9 @@ std::vector<SampleRange> MergeSpeechRanges(std::vector<SampleRange> ranges,
                                            int32_t total_samples, int32_t pad,
                                            int32_t max_gap);
 
-// Kept for diarizing speech regions only. Diarizing cut-out regions lost
-// turns at their edges, so this runs on the whole recording and ignores the
-// ranges.
+// Kept for diarizing speech regions only. The pipelines diarize whole
+// recordings, so this runs on the whole recording and the ranges are not
+// used.
 bool RunOfflineDiarizationOnSpeechRanges(
     const Options& options, DiarizationBackend* backend,
     const std::vector<float>& samples, const std::vector<SampleRange>& ranges,

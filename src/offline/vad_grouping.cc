@@ -1,0 +1,199 @@
+#include "offline/vad_grouping.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "events/number_format.h"
+
+namespace kerrow {
+namespace {
+
+// Without a maximum speech length a group may still not grow past this.
+constexpr double kDefaultMaxGroupSeconds = 8.0;
+constexpr int64_t kWhisperMaxSpanSeconds = 29;
+
+int64_t SecondsToSamplesRounded(double seconds, int32_t sample_rate) {
+  return std::llround(std::max(seconds, 0.0) * sample_rate);
+}
+
+class PlanBuilder {
+ public:
+  explicit PlanBuilder(const VadGroupingLimits& limits) : limits_(limits) {}
+
+  void AddSegment(const SampleSpan& segment) {
+    const int64_t s = segment.start;
+    const int64_t e = segment.end;
+    if (e <= s) return;
+
+    int64_t base = s;
+    if (!GroupOpen()) {
+      Open(s, e);
+    } else if (s - group_end_ > limits_.silence_gap_samples) {
+      Cut("silence_gap");
+      Open(s, e);
+    } else {
+      const int64_t span = std::max(e, group_end_) - std::min(s, group_start_);
+      if (span > limits_.max_group_samples) {
+        Cut("max_duration");
+        Open(s, e);
+      } else if (limits_.whisper && span > limits_.max_span_samples) {
+        Cut("max_span");
+        Open(s, e);
+      } else {
+        group_start_ = std::min(s, group_start_);
+        group_end_ = std::max(e, group_end_);
+        base = last_end_;
+      }
+    }
+
+    // Only speech not counted before adds to the group's total, so
+    // overlapping segments are not counted twice.
+    const int64_t added = std::max<int64_t>(e - std::max(s, base), 0);
+    acc_ += added;
+    last_end_ = std::max(e, base);
+
+    Log("[OFFLINE2PASS][VAD] start=" + Seconds(s) + "s end=" + Seconds(e) +
+        "s raw=" + Seconds(e - s) + "s added=" + Seconds(added) +
+        "s acc=" + Seconds(acc_) + "s max=" +
+        Seconds(limits_.max_group_samples) + "s span=" +
+        Seconds(group_end_ - group_start_) + "s span_max=" + SpanMax());
+  }
+
+  void Cut(const std::string& reason) {
+    if (!GroupOpen() || group_end_ <= group_start_) return;
+    const int64_t padded_start =
+        std::max<int64_t>(group_start_ - limits_.lookback_samples, 0);
+    const int64_t padded_end = std::min(group_end_ + limits_.lookahead_samples,
+                                        limits_.total_samples);
+    Log("[OFFLINE2PASS][CUT] reason=" + reason +
+        " group_start=" + Seconds(group_start_) +
+        "s group_end=" + Seconds(group_end_) +
+        "s padded_start=" + Seconds(padded_start) +
+        "s padded_end=" + Seconds(padded_end) + "s acc=" + Seconds(acc_) +
+        "s max=" + Seconds(limits_.max_group_samples) +
+        "s span=" + Seconds(group_end_ - group_start_) +
+        "s span_max=" + SpanMax());
+
+    if (padded_end > padded_start) {
+      const bool split = limits_.whisper &&
+                         padded_end - padded_start > limits_.max_span_samples;
+      const int64_t step =
+          split ? limits_.max_span_samples : padded_end - padded_start;
+      for (int64_t a = padded_start; a < padded_end; a += step) {
+        Decode({a, std::min(a + step, padded_end)});
+      }
+    }
+    group_start_ = -1;
+    group_end_ = -1;
+    acc_ = 0;
+  }
+
+  void Log(const std::string& line) {
+    VadPlanStep step;
+    step.kind = VadPlanStep::Kind::kLog;
+    step.log_line = line;
+    plan_.push_back(std::move(step));
+  }
+
+  std::vector<VadPlanStep> TakePlan() { return std::move(plan_); }
+
+ private:
+  bool GroupOpen() const { return group_start_ >= 0; }
+
+  void Open(int64_t s, int64_t e) {
+    group_start_ = s;
+    group_end_ = e;
+  }
+
+  void Decode(const SampleSpan& piece) {
+    VadPlanStep step;
+    step.kind = VadPlanStep::Kind::kDecode;
+    step.piece = piece;
+    plan_.push_back(std::move(step));
+  }
+
+  std::string Seconds(int64_t samples) const {
+    return FormatSixDecimals(static_cast<double>(samples) /
+                             static_cast<double>(limits_.sample_rate));
+  }
+
+  std::string SpanMax() const {
+    return limits_.whisper ? Seconds(limits_.max_span_samples) + "s"
+                           : std::string("disabled");
+  }
+
+  const VadGroupingLimits& limits_;
+  std::vector<VadPlanStep> plan_;
+  int64_t group_start_ = -1;
+  int64_t group_end_ = -1;
+  int64_t acc_ = 0;
+  int64_t last_end_ = 0;
+};
+
+std::vector<SampleSpan> PiecesCovering(int64_t from, int64_t to,
+                                       int64_t piece_samples) {
+  std::vector<SampleSpan> pieces;
+  const int64_t step = std::max<int64_t>(piece_samples, 1);
+  for (int64_t a = from; a < to; a += step) {
+    pieces.push_back({a, std::min(a + step, to)});
+  }
+  return pieces;
+}
+
+}  // namespace
+
+VadGroupingLimits MakeVadGroupingLimits(const Options& options,
+                                        int64_t total_samples) {
+  VadGroupingLimits limits;
+  const int32_t sr = options.sample_rate;
+  limits.sample_rate = sr;
+  limits.total_samples = total_samples;
+  const double max_group_seconds = options.vad_max_speech > 0
+                                       ? options.vad_max_speech
+                                       : kDefaultMaxGroupSeconds;
+  limits.max_group_samples =
+      std::max<int64_t>(static_cast<int64_t>(max_group_seconds * sr), sr);
+  limits.whisper = options.second_type == "whisper";
+  limits.max_span_samples =
+      limits.whisper ? std::max<int64_t>(kWhisperMaxSpanSeconds * sr, 1)
+                     : std::numeric_limits<int32_t>::max();
+  limits.silence_gap_samples = std::max<int64_t>(
+      SecondsToSamplesRounded(options.vad_min_silence, sr), 1);
+  limits.lookback_samples = SecondsToSamplesRounded(options.vad_lookback, sr);
+  limits.lookahead_samples =
+      SecondsToSamplesRounded(options.vad_lookahead, sr);
+  return limits;
+}
+
+std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
+                                       const std::vector<SampleSpan>& speech) {
+  PlanBuilder builder(limits);
+  std::vector<SampleSpan> segments = speech;
+
+  // The VAD closes no segment for speech cut off by the end of the recording
+  // and drops what it judges too short; decoding everything after the last
+  // detected speech keeps those last words.
+  int64_t last_speech_end = 0;
+  for (const SampleSpan& span : speech) {
+    last_speech_end = std::max(last_speech_end, span.end);
+  }
+  if (last_speech_end < limits.total_samples) {
+    builder.Log("offline_2pass tail compensation enabled");
+    for (const SampleSpan& piece :
+         PiecesCovering(last_speech_end, limits.total_samples,
+                        limits.max_group_samples)) {
+      segments.push_back(piece);
+    }
+  }
+
+  for (const SampleSpan& segment : segments) builder.AddSegment(segment);
+  builder.Cut("flush");
+  return builder.TakePlan();
+}
+
+std::vector<SampleSpan> ChunkFallbackPieces(const VadGroupingLimits& limits) {
+  return PiecesCovering(0, limits.total_samples, limits.max_group_samples);
+}
+
+}  // namespace kerrow

@@ -1,0 +1,62 @@
+#ifndef KERROW_OFFLINE_VAD_GROUPING_H_
+#define KERROW_OFFLINE_VAD_GROUPING_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "app/options.h"
+
+namespace kerrow {
+
+// The sample counts that steer how the whole-recording decode joins speech
+// segments into decode groups.
+struct VadGroupingLimits {
+  int32_t sample_rate = 16000;
+  int64_t total_samples = 0;
+  // Longest span a group may reach; also the size of tail-compensation and
+  // chunk-fallback pieces.
+  int64_t max_group_samples = 0;
+  // Whisper cannot decode more than 30 s at once, so its pieces stop at 29 s.
+  bool whisper = false;
+  int64_t max_span_samples = 0;
+  // A pause longer than this starts a new group.
+  int64_t silence_gap_samples = 1;
+  // Audio added in front of and behind each group when it is decoded.
+  int64_t lookback_samples = 0;
+  int64_t lookahead_samples = 0;
+};
+
+VadGroupingLimits MakeVadGroupingLimits(const Options& options,
+                                        int64_t total_samples);
+
+// A half-open range of sample indices.
+struct SampleSpan {
+  int64_t start = 0;
+  int64_t end = 0;
+};
+
+// One step of the decode plan, in the order the pipeline carries them out:
+// either a log line to write or a piece of audio to decode.
+struct VadPlanStep {
+  enum class Kind { kLog, kDecode };
+  Kind kind = Kind::kLog;
+  std::string log_line;  // kLog
+  SampleSpan piece;      // kDecode
+};
+
+// Plans the decode of the speech the VAD found: tail compensation for audio
+// after the last detected speech, grouping with its "[OFFLINE2PASS][VAD]" and
+// "[OFFLINE2PASS][CUT]" lines, and the decode pieces of each cut. Grouping
+// never looks at decode results, so the whole plan can be made up front; a
+// failing decode simply ends the walk through it.
+std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
+                                       const std::vector<SampleSpan>& speech);
+
+// Consecutive pieces of at most max_group_samples covering the whole
+// recording: the decode plan when there is no VAD.
+std::vector<SampleSpan> ChunkFallbackPieces(const VadGroupingLimits& limits);
+
+}  // namespace kerrow
+
+#endif  // KERROW_OFFLINE_VAD_GROUPING_H_
