@@ -1,0 +1,31 @@
+#ifndef KERROW_APP_ARG_PARSER_H_
+#define KERROW_APP_ARG_PARSER_H_
+
+#include <string>
+
+#include "app/options.h"
+
+namespace kerrow {
+
+// Fills `options` (default-initialised by the caller) from the command line and
+// validates it. True when the program may go on. On false, `error` holds
+// either "help" (usage was asked for) or a one-line message for the host. Returns
+// false at once, writing nothing, when either pointer is null. Writes nothing
+// to any stream.
+bool ParseArgs(int argc, char** argv, Options* options, std::string* error);
+
+// Writes the usage text to standard error; standard output carries the host
+// protocol and must never see it.
+void PrintUsage();
+
+// Canonical first-pass model type ("transducer" or "paraformer"; "zipformer"
+// is a transducer), compared case-insensitively. Empty when not recognised.
+std::string NormalizeFirstModelType(std::string value);
+
+// Canonical second-pass type ("sensevoice", also spelled "sense-voice", or
+// "whisper"), compared case-insensitively. Empty when not recognised.
+std::string NormalizeSecondType(std::string value);
+
+}  // namespace kerrow
+
+#endif  // KERROW_APP_ARG_PARSER_H_
