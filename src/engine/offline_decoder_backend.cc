@@ -107,6 +107,11 @@ bool CreateRecognizer(const SherpaOnnxOfflineRecognizerConfig& config,
   return true;
 }
 
+void ClearOutputs(std::string* text, DecodedTokens* tokens) {
+  if (text != nullptr) text->clear();
+  if (tokens != nullptr) *tokens = DecodedTokens();
+}
+
 void CopyTokens(const SherpaOnnxOfflineRecognizerResult& result,
                 DecodedTokens* out) {
   if (result.count < 1) return;
@@ -237,8 +242,7 @@ bool OfflineDecoderBackend::DecodeBlock(const std::vector<float>& samples,
                                         std::string* text,
                                         DecodedTokens* tokens,
                                         std::string* error) {
-  if (text != nullptr) text->clear();
-  if (tokens != nullptr) *tokens = DecodedTokens();
+  ClearOutputs(text, tokens);
   if (samples.empty()) return true;
   if (!IsReady()) {
     SetError(error, "Decoder is not initialized");
@@ -269,9 +273,11 @@ bool OfflineDecoderBackend::DecodeBlock(const std::vector<float>& samples,
     }
     if (result && tokens != nullptr) CopyTokens(*result, tokens);
   } catch (const std::exception& e) {
+    ClearOutputs(text, tokens);
     SetError(error, std::string(kDecodeExceptionPrefix) + e.what());
     return false;
   } catch (...) {
+    ClearOutputs(text, tokens);
     SetError(error, kDecodeUnknownException);
     return false;
   }
