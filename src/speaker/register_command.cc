@@ -1,0 +1,127 @@
+#include "speaker/register_command.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "audio/wav_reader.h"
+#include "events/event_emitter.h"
+#include "events/json_escape.h"
+#include "speaker/enroll_db.h"
+#include "speaker/samples_dir.h"
+#include "speaker/speaker_identifier.h"
+
+namespace kerrow {
+namespace {
+
+// Names the option the host forgot, in the order it should fix them.
+std::string MissingRegisterOption(const Options& options) {
+  if (options.speaker_embedding_model.empty()) {
+    return "--register-name requires --speaker-embedding-model";
+  }
+  if (options.register_input.empty()) {
+    return "--register-name requires --register-input (16 kHz mono WAV)";
+  }
+  if (options.speaker_enroll_db.empty()) {
+    return "--register-name requires --speaker-enroll-db (output path)";
+  }
+  return "";
+}
+
+int FailRegister(EventEmitter* emitter, const std::string& message) {
+  emitter->EmitError("register: " + message);
+  return 1;
+}
+
+// Registration must work whatever the database holds (even one built with
+// another model), so the identifier is started without it: only the
+// extractor is needed here.
+bool ComputeRegisterEmbedding(const Options& options, const std::vector<float>& samples,
+                              std::vector<float>* embedding, std::string* error) {
+  SpeakerIdentifierOptions identifier_options;
+  identifier_options.model = options.speaker_embedding_model;
+  identifier_options.num_threads = std::max(1, options.diarization_num_threads);
+  identifier_options.provider = options.provider_first;
+  identifier_options.threshold = 0.7f;
+  SpeakerIdentifier identifier;
+  if (!identifier.Init(identifier_options, error)) return false;
+  return identifier.ComputeEmbedding(samples, options.sample_rate, embedding, error);
+}
+
+// The copy lets the host play back or re-enrol a voiceprint later. Returns the
+// copy's path, or "" when it could not be made; registration succeeds either way.
+std::string SaveSampleCopy(const Options& options, const std::string& md5,
+                           EventEmitter* emitter) {
+  const std::string directory = SamplesDirectoryFor(options);
+  const std::string copy_path = SampleFilePathFor(options, md5);
+  std::error_code failure;
+  std::filesystem::create_directories(directory, failure);
+  if (!failure) {
+    std::filesystem::copy_file(options.register_input, copy_path,
+                               std::filesystem::copy_options::overwrite_existing, failure);
+  }
+  if (failure) {
+    emitter->EmitLog("[REGISTER] warning: could not save sample copy under " + directory);
+    return "";
+  }
+  emitter->EmitLog("[REGISTER] saved sample copy -> " + copy_path);
+  return copy_path;
+}
+
+}  // namespace
+
+int RunRegister(const Options& options) {
+  EventEmitter emitter;
+  const std::string missing = MissingRegisterOption(options);
+  if (!missing.empty()) {
+    emitter.EmitError(missing);
+    return 1;
+  }
+  const std::string& db = options.speaker_enroll_db;
+  const std::string name = JsonEscape(options.register_name);
+
+  std::string error;
+  const std::string md5 = Md5File(options.register_input, &error);
+  if (md5.empty()) return FailRegister(&emitter, error);
+
+  // A file already enrolled is answered before any audio or model is touched.
+  error.clear();
+  if (EnrollDbContainsMd5(db, md5, &error)) {
+    emitter.EmitRawJson("{\"type\":\"ok\",\"status\":\"already_registered\",\"name\":\"" + name +
+                        "\",\"md5\":\"" + md5 + "\"}");
+    return 0;
+  }
+  if (!error.empty()) return FailRegister(&emitter, error);
+
+  std::vector<float> samples;
+  if (!ReadWavMono(options.register_input, options.sample_rate, &samples, &error)) {
+    return FailRegister(&emitter, error);
+  }
+  std::vector<float> embedding;
+  if (!ComputeRegisterEmbedding(options, samples, &embedding, &error)) {
+    return FailRegister(&emitter, error);
+  }
+
+  bool already_registered = false;
+  std::string id;
+  if (!AppendEnrollEmbedding(db, options.register_speaker_id, options.register_name, md5,
+                             embedding, &error, &already_registered, &id)) {
+    return FailRegister(&emitter, error);
+  }
+  // Another registration of the same file may have landed while we computed.
+  if (already_registered) {
+    emitter.EmitRawJson("{\"type\":\"ok\",\"status\":\"already_registered\",\"id\":\"" +
+                        JsonEscape(id) + "\",\"name\":\"" + name + "\",\"md5\":\"" + md5 + "\"}");
+    return 0;
+  }
+
+  const std::string sample_path = SaveSampleCopy(options, md5, &emitter);
+  emitter.EmitRawJson("{\"type\":\"ok\",\"status\":\"registered\",\"id\":\"" + JsonEscape(id) +
+                      "\",\"name\":\"" + name + "\",\"md5\":\"" + md5 + "\",\"sample\":\"" +
+                      JsonEscape(sample_path) + "\"}");
+  return 0;
+}
+
+}  // namespace kerrow
