@@ -1,0 +1,252 @@
+#include "text/punc_refine.h"
+
+#include <cctype>
+#include <cstddef>
+#include <vector>
+
+#include "engine/punc_backend.h"
+#include "events/event_emitter.h"
+#include "events/transcript_records.h"
+#include "text/utf8_punc.h"
+
+namespace kerrow {
+namespace {
+
+bool PuncUsable(const PuncBackend* punc) {
+  return punc != nullptr && punc->IsReady();
+}
+
+void LogLine(EventEmitter* emitter, const std::string& message) {
+  if (emitter != nullptr) emitter->EmitLog(message);
+}
+
+bool IsBlankToken(const std::string& token) {
+  return token.size() == 1 &&
+         std::isspace(static_cast<unsigned char>(token[0])) != 0;
+}
+
+// The words of a text as the repair compares them: its non-punctuation
+// characters without white space (the library drops the blank after a
+// full-width mark), each with its byte offset in the text.
+struct WordChars {
+  std::vector<std::string> chars;
+  std::vector<size_t> offsets;
+};
+
+WordChars CollectWordChars(const std::string& text) {
+  std::vector<std::string> tokens;
+  std::vector<size_t> positions;
+  CollectPlainTokens(text, &tokens, &positions);
+  WordChars result;
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    if (IsBlankToken(tokens[i])) continue;
+    result.chars.push_back(tokens[i]);
+    result.offsets.push_back(positions[i]);
+  }
+  return result;
+}
+
+bool IsPrefixOf(const std::vector<std::string>& prefix,
+                const std::vector<std::string>& whole) {
+  if (prefix.size() > whole.size()) return false;
+  for (size_t i = 0; i < prefix.size(); ++i) {
+    if (prefix[i] != whole[i]) return false;
+  }
+  return true;
+}
+
+bool IsAsciiAlnum(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) != 0;
+}
+
+// Appends a piece the way the library spaces its own output: a blank only
+// between two ASCII words.
+void AppendPiece(const std::string& piece, std::string* text) {
+  if (!text->empty() && !piece.empty() && IsAsciiAlnum(text->back()) &&
+      IsAsciiAlnum(piece.front())) {
+    text->push_back(' ');
+  }
+  text->append(piece);
+}
+
+enum class TailFate { kPunctuated, kLeftPlain };
+
+// Punctuates the words the model dropped, on their own and again checked, and
+// appends them to *text. A tail that loses words once more is worked off piece
+// by piece; it shrinks every round, so this ends.
+TailFate AppendLostTail(PuncBackend* punc, std::string tail,
+                        std::string* text) {
+  TailFate fate = TailFate::kPunctuated;
+  while (!tail.empty()) {
+    std::string output;
+    if (!punc->AddPunctuation(tail, &output, nullptr)) {
+      AppendPiece(tail, text);
+      return TailFate::kLeftPlain;
+    }
+    const WordChars want = CollectWordChars(tail);
+    const WordChars got = CollectWordChars(output);
+    if (got.chars == want.chars) {
+      AppendPiece(output, text);
+      return fate;
+    }
+    if (got.chars.empty() || !IsPrefixOf(got.chars, want.chars)) {
+      AppendPiece(tail, text);
+      return TailFate::kLeftPlain;
+    }
+    AppendPiece(output, text);
+    tail = tail.substr(want.offsets[got.chars.size()]);
+  }
+  return fate;
+}
+
+}  // namespace
+
+bool PunctuateKeepingEveryWord(PuncBackend* punc, EventEmitter* emitter,
+                               const std::string& input, std::string* output,
+                               std::string* error) {
+  std::string result;
+  if (punc == nullptr) {
+    if (output != nullptr) *output = input;
+    if (error != nullptr) *error = "Punctuation backend is not initialized";
+    return false;
+  }
+  if (!punc->AddPunctuation(input, &result, error)) {
+    if (output != nullptr) *output = input;
+    return false;
+  }
+
+  const WordChars want = CollectWordChars(input);
+  const WordChars got = CollectWordChars(result);
+  if (got.chars == want.chars) {
+    if (output != nullptr) *output = result;
+    return true;
+  }
+  if (got.chars.empty() || !IsPrefixOf(got.chars, want.chars)) {
+    if (output != nullptr) *output = input;
+    if (error != nullptr) {
+      *error = "punctuation model changed the words of its input";
+    }
+    return false;
+  }
+
+  // The lost words start at the first character the output is missing.
+  const std::string lost = input.substr(want.offsets[got.chars.size()]);
+  const TailFate fate = AppendLostTail(punc, lost, &result);
+  LogLine(emitter,
+          "[PUNC] model dropped the words \"" + lost + "\" after its last "
+          "sentence mark; " +
+              (fate == TailFate::kPunctuated
+                   ? "punctuated them on their own and appended them"
+                   : "appended them unpunctuated"));
+  if (output != nullptr) *output = result;
+  return true;
+}
+
+std::string RefineTextWithPunc(PuncBackend* punc, EventEmitter* emitter,
+                               const std::string& text) {
+  if (!PuncUsable(punc) || text.empty()) return text;
+  const std::string plain = StripPuncForPuncModel(text);
+  if (plain.empty()) return text;
+
+  std::string punctuated;
+  std::string error;
+  if (!PunctuateKeepingEveryWord(punc, emitter, plain, &punctuated, &error)) {
+    LogLine(emitter, "Punctuation refine failed: " + error);
+    return text;
+  }
+  return punctuated;
+}
+
+std::string RefineRealtimeTextWithPunc(PuncBackend* punc,
+                                       EventEmitter* emitter,
+                                       const std::string& text,
+                                       bool is_final) {
+  const std::string refined = RefineTextWithPunc(punc, emitter, text);
+  // A final text closes a sentence; a growing one must not look finished.
+  return is_final ? EnsureTerminalPunc(refined) : StripTerminalPunc(refined);
+}
+
+std::string ApplyRealtimePunc(PuncBackend* punc, EventEmitter* emitter,
+                              const std::string& text, std::string* context,
+                              int context_codepoints, bool is_final) {
+  if (!PuncUsable(punc) || text.empty()) return text;
+  const std::string plain = StripPuncForPuncModel(text);
+  if (plain.empty()) return text;
+
+  const std::string ctx = context != nullptr ? *context : std::string();
+  // No separator: the context is the plain end of the previous segment, and
+  // the model decides what mark (if any) belongs between the two.
+  const std::string input = ctx.empty() ? plain : ctx + plain;
+
+  std::string punctuated;
+  std::string error;
+  if (!PunctuateKeepingEveryWord(punc, emitter, input, &punctuated, &error)) {
+    LogLine(emitter, "Punctuation refine failed: " + error);
+    return text;
+  }
+
+  std::string result =
+      ctx.empty() ? punctuated : ExtractTailByPlain(punctuated, plain, text);
+  result = is_final ? EnsureTerminalPunc(result) : StripTerminalPunc(result);
+
+  if (context != nullptr) {
+    *context = context_codepoints >= 1
+                   ? Utf8SuffixByCodepoints(plain, context_codepoints)
+                   : std::string();
+  }
+  return result;
+}
+
+std::string ExtractTailByPlain(const std::string& punctuated,
+                               const std::string& plain_tail,
+                               const std::string& fallback) {
+  if (plain_tail.empty()) return punctuated;
+  const std::string& not_found = fallback.empty() ? punctuated : fallback;
+
+  std::vector<std::string> tokens;
+  std::vector<size_t> positions;
+  CollectPlainTokens(punctuated, &tokens, &positions);
+  std::vector<std::string> needle;
+  CollectPlainTokens(plain_tail, &needle);
+  if (needle.empty()) return not_found;
+
+  const size_t match = FindLastTokenSubseq(tokens, needle);
+  if (match == std::string::npos) return not_found;
+
+  // The mark the model put between context and tail belongs to the tail (the
+  // "，" opening a new clause), and so does white space after that mark;
+  // white space in front of the mark stays behind.
+  size_t cut = positions[match];
+  size_t pos = cut;
+  while (pos > 0) {
+    const size_t prev = PrevUtf8Start(punctuated, pos);
+    const size_t len = pos - prev;
+    if (ShouldStripPuncToken(punctuated, prev, len)) {
+      cut = prev;
+    } else if (len != 1 || std::isspace(static_cast<unsigned char>(
+                               punctuated[prev])) == 0) {
+      break;
+    }
+    pos = prev;
+  }
+  return punctuated.substr(cut);
+}
+
+void EmitPunctuatedForPartial(PuncBackend* punc, EventEmitter* emitter,
+                              int segment_id, const std::string& text,
+                              int session_id) {
+  if (!PuncUsable(punc) || emitter == nullptr || text.empty()) return;
+
+  std::string punctuated;
+  std::string error;
+  if (!PunctuateKeepingEveryWord(punc, emitter, text, &punctuated, &error)) {
+    emitter->EmitLog("Punc failed (seg=" + std::to_string(segment_id) +
+                     "): " + error);
+    return;
+  }
+  if (!HasContentText(punctuated)) return;
+  emitter->EmitRawJson(
+      BuildPunctuatedEventJson(segment_id, punctuated, session_id));
+}
+
+}  // namespace kerrow
