@@ -1,0 +1,306 @@
+#include "app/run.h"
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "audio/pcm_file_reader.h"
+#include "audio/wav_reader.h"
+#include "diarization/diarization_backend.h"
+#include "engine/offline_decoder_backend.h"
+#include "engine/online_backend.h"
+#include "engine/punc_backend.h"
+#include "engine/vad_backend.h"
+#include "events/event_emitter.h"
+#include "events/number_format.h"
+#include "live/command_loop.h"
+#include "live/pcm_loop.h"
+#include "live/shared_state.h"
+#include "offline/offline_two_pass.h"
+#include "speaker/speaker_identifier.h"
+
+namespace kerrow {
+namespace {
+
+// The streaming recognizer's endpoint rules are fixed by design: no option
+// reaches them (--disable-endpoint is honoured by the PCM loop instead).
+constexpr float kRule1MinTrailingSilence = 1.8f;
+constexpr float kRule2MinTrailingSilence = 0.8f;
+constexpr float kRule3MinUtteranceLength = 8.0f;
+constexpr auto kQuitPollInterval = std::chrono::milliseconds(30);
+
+// What the set-up built. A component that failed to load stays null (or not
+// ready) and the run goes on without it.
+struct Components {
+  // Always present: the live session keeps running on a decoder that failed to
+  // load (its decodes then fail with a message); only file input refuses it.
+  OfflineDecoderBackend* decoder = nullptr;
+  bool decoder_ready = false;
+  std::string decoder_error;
+  PuncBackend* punc = nullptr;
+  OnlineBackend* online = nullptr;
+  VadBackend* vad = nullptr;
+  DiarizationBackend* diarization = nullptr;
+  SpeakerIdentifier* speaker_id = nullptr;
+};
+
+DecoderInitOptions MakeDecoderInitOptions(const Options& options) {
+  DecoderInitOptions init;
+  init.sample_rate = options.sample_rate;
+  init.num_threads = options.num_threads_second;
+  init.provider = options.provider_second;
+  init.model_type = options.second_type;
+  init.sense_voice_model = options.second_model;
+  init.whisper_encoder = options.second_encoder;
+  init.whisper_decoder = options.second_decoder;
+  init.tokens = options.second_tokens;
+  init.language = options.second_language;
+  init.whisper_task = options.second_task;
+  init.use_itn = !options.disable_second_itn;
+  return init;
+}
+
+// The "Creating recognizers" line deliberately follows the offline model load:
+// the host reads it as "the long load is over, the rest follows".
+void InitDecoder(const Options& options, EventEmitter* emitter, OfflineDecoderBackend* decoder,
+                 std::string* error) {
+  const bool ok = decoder->Init(MakeDecoderInitOptions(options), error);
+  emitter->EmitLog("Creating recognizers. Please wait...");
+  if (ok) {
+    emitter->EmitLog("[M2] Offline decoder initialized");
+    return;
+  }
+  emitter->EmitLog("[M2] Offline decoder init failed: " + *error);
+  emitter->EmitLog("[M2] Running in skeleton fallback mode");
+}
+
+bool InitPunctuation(const Options& options, EventEmitter* emitter, PuncBackend* punc) {
+  PuncInitOptions init;
+  init.model = options.ct_transformer;
+  init.num_threads = options.num_threads_punc;
+  init.provider = options.provider_punc;
+  std::string error;
+  if (punc->Init(init, &error)) {
+    emitter->EmitLog("[M3] Offline punctuation initialized");
+    return true;
+  }
+  emitter->EmitLog("[M3] Offline punctuation init failed: " + error);
+  return false;
+}
+
+OnlineInitOptions MakeOnlineInitOptions(const Options& options) {
+  OnlineInitOptions init;
+  init.sample_rate = options.sample_rate;
+  init.feature_dim = 80;
+  init.num_threads = options.num_threads_first;
+  init.provider = options.provider_first;
+  init.model_type = options.first_model_type;
+  init.encoder = options.first_encoder;
+  init.decoder = options.first_decoder;
+  init.joiner = options.first_joiner;
+  init.tokens = options.first_tokens;
+  init.decoding_method = "greedy_search";
+  init.max_active_paths = 4;
+  init.enable_endpoint = true;
+  init.rule1_min_trailing_silence = kRule1MinTrailingSilence;
+  init.rule2_min_trailing_silence = kRule2MinTrailingSilence;
+  init.rule3_min_utterance_length = kRule3MinUtteranceLength;
+  return init;
+}
+
+bool InitOnline(const Options& options, EventEmitter* emitter, OnlineBackend* online) {
+  std::string error;
+  if (online->Init(MakeOnlineInitOptions(options), &error)) {
+    emitter->EmitLog("[M3] Online recognizer initialized for first-pass partials");
+    return true;
+  }
+  emitter->EmitLog("[M3] Online recognizer init failed: " + error);
+  emitter->EmitLog("[M3] first-pass will fallback to placeholder events");
+  return false;
+}
+
+VadInitOptions MakeVadInitOptions(const Options& options) {
+  VadInitOptions init;
+  init.model = options.silero_vad_model;
+  init.sample_rate = options.sample_rate;
+  init.threshold = static_cast<float>(options.vad_threshold);
+  init.min_silence_duration = static_cast<float>(options.vad_min_silence);
+  init.min_speech_duration = static_cast<float>(options.vad_min_speech);
+  init.max_speech_duration = static_cast<float>(options.vad_max_speech);
+  init.window_size = 512;
+  init.buffer_seconds = 120.0f;
+  init.num_threads = 1;
+  init.provider = options.provider_first;
+  return init;
+}
+
+bool InitVad(const Options& options, EventEmitter* emitter, VadBackend* vad) {
+  std::string error;
+  if (vad->Init(MakeVadInitOptions(options), &error)) {
+    emitter->EmitLog("[M2] VAD initialized for manual-realtime");
+    return true;
+  }
+  emitter->EmitLog("[M2] VAD init failed: " + error);
+  emitter->EmitLog("[M2] manual-realtime will fallback to legacy buffering");
+  return false;
+}
+
+bool DiarizationRequested(const Options& options) {
+  return options.diarization &&
+         (!options.diarization_model.empty() ||
+          (!options.diarization_segmentation_model.empty() && !options.diarization_embedding_model.empty()));
+}
+
+std::string DiarizationLabel(const Options& options) {
+  if (options.diarization_helper_binary.empty()) return "sherpa-onnx";
+  const std::string backend = options.diarization_backend.empty() ? "offline" : options.diarization_backend;
+  return "fluidaudio-diar, backend=" + backend;
+}
+
+std::unique_ptr<DiarizationBackend> InitDiarization(const Options& options, EventEmitter* emitter) {
+  DiarizationInitOptions init;
+  init.model = options.diarization_model;
+  init.segmentation_model = options.diarization_segmentation_model;
+  init.embedding_model = options.diarization_embedding_model;
+  init.num_threads = std::max(options.diarization_num_threads, 1);
+  init.provider = options.provider_first;
+  init.min_speakers = options.diarization_min_speakers;
+  init.max_speakers = options.diarization_max_speakers;
+  init.helper_binary = options.diarization_helper_binary;
+  init.backend = options.diarization_backend;
+  std::string error;
+  std::unique_ptr<DiarizationBackend> backend = CreateDiarizationBackend(init, &error);
+  if (backend) {
+    emitter->EmitLog("[M2] Speaker diarization initialized (" + DiarizationLabel(options) + ")");
+  } else {
+    emitter->EmitLog("[M2] Speaker diarization init failed: " + error);
+  }
+  return backend;
+}
+
+bool SpeakerIdRequested(const Options& options) {
+  return options.speaker_id && !options.speaker_embedding_model.empty() && !options.speaker_enroll_db.empty();
+}
+
+bool InitSpeakerId(const Options& options, EventEmitter* emitter, SpeakerIdentifier* identifier) {
+  SpeakerIdentifierOptions init;
+  init.model = options.speaker_embedding_model;
+  init.enroll_db = options.speaker_enroll_db;
+  init.num_threads = std::max(options.diarization_num_threads, 1);
+  init.provider = options.provider_first;
+  init.threshold = static_cast<float>(options.speaker_id_threshold);
+  std::string error;
+  if (identifier->Init(init, &error)) {
+    emitter->EmitLog("[M2] Speaker identification initialized (threshold=" + FormatFixed(init.threshold, 6) + ")");
+    return true;
+  }
+  emitter->EmitLog("[M2] Speaker identification init failed: " + error);
+  return false;
+}
+
+// Every file, WAV or raw PCM, goes through the whole-recording two-pass decode.
+int RunFileInput(const Options& options, const Components& components, EventEmitter* emitter,
+                 AudioBuffer* audio) {
+  const bool is_wav = !options.wav_input.empty();
+  const std::string option_name = is_wav ? "--wav-input" : "--pcm-input";
+  const std::string kind = is_wav ? "WAV" : "PCM";
+  if (!components.decoder_ready) {
+    emitter->EmitError("Decoder is not ready for " + option_name + ": " + components.decoder_error);
+    emitter->EmitComplete("File decode failed");
+    return 1;
+  }
+
+  std::vector<float> samples;
+  std::string error;
+  const bool read = is_wav ? ReadWavMono(options.wav_input, options.sample_rate, &samples, &error)
+                           : ReadPcmMono(options.pcm_input, options.audio_format, &samples, &error);
+  if (!read) {
+    emitter->EmitError(error);
+    emitter->EmitComplete("File decode failed");
+    return 1;
+  }
+  {
+    std::lock_guard<std::mutex> lock(audio->mutex);
+    audio->samples = std::move(samples);
+  }
+
+  emitter->EmitLog(kind + " input: using unified offline_2pass decode path");
+  if (!DecodeAndEmitOffline2PassFull(options, components.decoder, components.punc, components.diarization,
+                                     components.speaker_id, emitter, audio)) {
+    emitter->EmitError("File decode failed");
+    emitter->EmitComplete("File decode failed");
+    return 1;
+  }
+  emitter->EmitComplete(kind + " decode done");
+  return 0;
+}
+
+int RunLiveSession(const Options& options, const Components& components, EventEmitter* emitter,
+                   SharedState* state, AudioBuffer* audio) {
+  std::thread command_thread(CommandLoop, std::cref(options), components.decoder, components.punc,
+                             components.diarization, components.speaker_id, emitter, state, audio);
+  std::thread pcm_thread(PcmLoop, std::cref(options), components.online, components.decoder, components.punc,
+                         components.vad, components.diarization, components.speaker_id, emitter, state, audio);
+  while (!state->quit.load()) std::this_thread::sleep_for(kQuitPollInterval);
+  if (command_thread.joinable()) command_thread.join();
+  if (pcm_thread.joinable()) pcm_thread.join();
+  emitter->EmitComplete("Session ended (partial M2)");
+  return 0;
+}
+
+}  // namespace
+
+int Run(const Options& options) {
+  // Declared in creation order so that they are destroyed in reverse: the
+  // identifier first, the emitter last.
+  EventEmitter emitter;
+  SharedState state;
+  AudioBuffer audio;
+  OfflineDecoderBackend decoder;
+  OnlineBackend online;
+  VadBackend vad;
+  PuncBackend punc;
+  std::unique_ptr<DiarizationBackend> diarization;
+  SpeakerIdentifier speaker_identifier;
+
+  state.single_partial_step_samples = SinglePartialStepSamples(options.single_partial_interval, options.sample_rate);
+  state.capturing = !(options.manual_mode && options.start_paused);
+  {
+    std::lock_guard<std::mutex> lock(state.mode_mutex);
+    state.mode = "auto";
+  }
+
+  Components components;
+  InitDecoder(options, &emitter, &decoder, &components.decoder_error);
+  components.decoder = &decoder;
+  components.decoder_ready = decoder.IsReady();
+
+  if (!options.ct_transformer.empty() && InitPunctuation(options, &emitter, &punc)) components.punc = &punc;
+
+  if (options.manual_realtime) {
+    if (!options.single_model_streaming && InitOnline(options, &emitter, &online)) components.online = &online;
+    if (InitVad(options, &emitter, &vad)) components.vad = &vad;
+  }
+
+  if (DiarizationRequested(options)) {
+    diarization = InitDiarization(options, &emitter);
+    components.diarization = diarization.get();
+  }
+  if (components.diarization != nullptr && SpeakerIdRequested(options) &&
+      InitSpeakerId(options, &emitter, &speaker_identifier) && speaker_identifier.IsReady()) {
+    components.speaker_id = &speaker_identifier;
+  }
+
+  emitter.EmitReady();
+
+  if (!options.wav_input.empty() || !options.pcm_input.empty()) {
+    return RunFileInput(options, components, &emitter, &audio);
+  }
+  return RunLiveSession(options, components, &emitter, &state, &audio);
+}
+
+}  // namespace kerrow
