@@ -121,10 +121,10 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  kerrow::host::ChildSpec spec;
-  spec.binary = options.kerrow;
-  spec.args = options.kerrow_args;
-  spec.audio_fd = std::atoi(KerrowOption(options.kerrow_args, "--audio-fd", "3").c_str());
+  kerrow::host::LaunchConfig launch;
+  launch.binary = options.kerrow;
+  launch.args = options.kerrow_args;
+  launch.audio_fd = std::atoi(KerrowOption(options.kerrow_args, "--audio-fd", "3").c_str());
   const std::string audio_format = KerrowOption(options.kerrow_args, "--audio-format", "s16le");
 
   std::mutex print_mutex;
@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
     std::lock_guard<std::mutex> lock(print_mutex);
     std::cout << line << std::endl;
   });
-  if (!kerrow.Start(spec, &error)) {
+  if (!kerrow.Start(launch, &error)) {
     std::cerr << "kerrow-replay: " << error << "\n";
     return 1;
   }

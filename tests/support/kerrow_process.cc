@@ -136,17 +136,17 @@ ProcessResult RunKerrow(const std::vector<std::string>& args, const std::string&
                         int audio_fd, const std::string& audio_bytes,
                         std::chrono::milliseconds timeout, const std::string& working_dir,
                         const std::string& binary) {
-  host::ChildSpec spec;
-  spec.binary = BinaryOrDefault(binary);
-  spec.args = args;
-  spec.audio_fd = audio_fd;
-  spec.working_dir = working_dir;
+  host::LaunchConfig launch;
+  launch.binary = BinaryOrDefault(binary);
+  launch.args = args;
+  launch.audio_fd = audio_fd;
+  launch.working_dir = working_dir;
 
   ProcessResult result;
   host::ChildProcess child;
   child.set_write_timeout(timeout);
   std::string error;
-  if (!child.Start(spec, &error)) {
+  if (!child.Start(launch, &error)) {
     result.stderr_text = error;
     return result;
   }
@@ -173,12 +173,12 @@ KerrowProcess::KerrowProcess(Config config)
 KerrowProcess::~KerrowProcess() = default;
 
 bool KerrowProcess::Start(std::string* error) {
-  host::ChildSpec spec;
-  spec.binary = BinaryOrDefault(config_.binary);
-  spec.args = config_.args;
-  spec.audio_fd = config_.audio_fd;
-  spec.working_dir = config_.working_dir;
-  return child_->Start(spec, error);
+  host::LaunchConfig launch;
+  launch.binary = BinaryOrDefault(config_.binary);
+  launch.args = config_.args;
+  launch.audio_fd = config_.audio_fd;
+  launch.working_dir = config_.working_dir;
+  return child_->Start(launch, error);
 }
 
 bool KerrowProcess::WriteCommand(const std::string& line) { return child_->WriteStdin(line + "\n"); }

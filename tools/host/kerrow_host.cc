@@ -160,24 +160,24 @@ void ChildProcess::set_stdout_line_callback(LineCallback callback) {
 
 void ChildProcess::set_write_timeout(std::chrono::milliseconds timeout) { write_timeout_ = timeout; }
 
-bool ChildProcess::Start(const ChildSpec& spec, std::string* error) {
+bool ChildProcess::Start(const LaunchConfig& launch, std::string* error) {
   if (started()) {
     SetError(error, "child already started");
     return false;
   }
-  if (spec.binary.empty()) {
+  if (launch.binary.empty()) {
     SetError(error, "no binary to start");
     return false;
   }
-  if (spec.audio_fd >= 0 && spec.audio_fd < 3) {
-    SetError(error, "audio descriptor must be -1 or at least 3, got " + std::to_string(spec.audio_fd));
+  if (launch.audio_fd >= 0 && launch.audio_fd < 3) {
+    SetError(error, "audio descriptor must be -1 or at least 3, got " + std::to_string(launch.audio_fd));
     return false;
   }
   IgnoreSigpipe();
 
   std::vector<std::string> arg_storage;
-  arg_storage.push_back(spec.binary);
-  arg_storage.insert(arg_storage.end(), spec.args.begin(), spec.args.end());
+  arg_storage.push_back(launch.binary);
+  arg_storage.insert(arg_storage.end(), launch.args.begin(), launch.args.end());
   std::vector<char*> argv;
   for (std::string& arg : arg_storage) argv.push_back(&arg[0]);
   argv.push_back(nullptr);
@@ -186,7 +186,7 @@ bool ChildProcess::Start(const ChildSpec& spec, std::string* error) {
   int audio_pipe[2] = {-1, -1}, exec_pipe[2] = {-1, -1};
   const bool pipes_ok = MakePipe(in_pipe) && MakePipe(out_pipe) && MakePipe(err_pipe) &&
                         MakePipe(exec_pipe) && MakePipe(stop_pipe_) &&
-                        (spec.audio_fd < 0 || MakePipe(audio_pipe));
+                        (launch.audio_fd < 0 || MakePipe(audio_pipe));
   if (!pipes_ok) {
     SetError(error, std::string("pipe failed: ") + std::strerror(errno));
     for (int* fds : {in_pipe, out_pipe, err_pipe, audio_pipe, exec_pipe}) ClosePipe(fds);
@@ -197,12 +197,12 @@ bool ChildProcess::Start(const ChildSpec& spec, std::string* error) {
   ChildPlan plan;
   plan.binary = arg_storage[0].c_str();
   plan.argv = argv.data();
-  plan.working_dir = spec.working_dir.empty() ? nullptr : spec.working_dir.c_str();
+  plan.working_dir = launch.working_dir.empty() ? nullptr : launch.working_dir.c_str();
   plan.stdin_read = in_pipe[0];
   plan.stdout_write = out_pipe[1];
   plan.stderr_write = err_pipe[1];
   plan.audio_read = audio_pipe[0];
-  plan.audio_fd = spec.audio_fd;
+  plan.audio_fd = launch.audio_fd;
   plan.exec_error_write = exec_pipe[1];
   const long open_max = sysconf(_SC_OPEN_MAX);
   plan.max_fd = open_max > 0 ? open_max : 1024;
@@ -225,7 +225,7 @@ bool ChildProcess::Start(const ChildSpec& spec, std::string* error) {
   if (exec_errno != 0) {
     ReapChild(true);
     for (int* fds : {in_pipe, out_pipe, err_pipe, audio_pipe}) ClosePipe(fds);
-    SetError(error, "cannot start " + spec.binary + ": " + std::strerror(exec_errno));
+    SetError(error, "cannot start " + launch.binary + ": " + std::strerror(exec_errno));
     return false;
   }
 

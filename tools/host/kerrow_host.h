@@ -19,7 +19,7 @@
 
 namespace kerrow::host {
 
-struct ChildSpec {
+struct LaunchConfig {
   std::string binary;
   std::vector<std::string> args;  // without argv[0]; the binary path is passed as argv[0]
   int audio_fd = -1;              // descriptor number of the audio pipe in the child; -1 = none
@@ -45,7 +45,7 @@ class ChildProcess {
   // fails instead of blocking forever on a child that stopped reading.
   void set_write_timeout(std::chrono::milliseconds timeout);
 
-  bool Start(const ChildSpec& spec, std::string* error);
+  bool Start(const LaunchConfig& launch, std::string* error);
 
   bool WriteStdin(const std::string& bytes);
   void CloseStdin();
