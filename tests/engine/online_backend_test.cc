@@ -4,11 +4,14 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cctype>
 #include <cmath>
 #include <cstddef>
+#include <filesystem>
 #include <ostream>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/kerrow_process.h"
@@ -77,6 +80,31 @@ std::vector<std::string> FeedChunks(OnlineBackend* backend, int chunks) {
   return texts;
 }
 
+// Feeds the first `seconds` of an English recording in 0.1 s chunks: real
+// speech, so trained models have something to transcribe.
+void FeedSpeech(OnlineBackend* backend, double seconds) {
+  static const std::vector<float> recording =
+      LoadWavForTest(AudioPath("espeak/en10s.wav"));
+  const size_t end = std::min(recording.size(),
+                              static_cast<size_t>(seconds * kRate));
+  for (size_t start = 0; start < end; start += kChunk) {
+    const std::vector<float> chunk(recording.begin() + start,
+                                   recording.begin() + std::min(end, start + kChunk));
+    std::string error;
+    ASSERT_TRUE(backend->AcceptAndDecode(chunk, nullptr, nullptr, &error)) << error;
+  }
+}
+
+std::string FinalTextAfterSpeech(const OnlineInitOptions& options, double seconds) {
+  OnlineBackend backend;
+  std::string error;
+  EXPECT_TRUE(backend.Init(options, &error)) << error;
+  FeedSpeech(&backend, seconds);
+  std::string text;
+  EXPECT_TRUE(backend.InputFinishedAndDecode(&text, &error)) << error;
+  return text;
+}
+
 std::string FinalTextAfter(const OnlineInitOptions& options, int chunks) {
   OnlineBackend backend;
   std::string error;
@@ -96,9 +124,10 @@ std::string InitError(const OnlineInitOptions& options) {
 }
 
 // ---------------------------------------------------------------------------
-// Behaviour every streaming model must show. The list holds the bundled
-// stubs; a trained streaming model added under models/trained/ joins it with
-// one more entry (the expectations below hold for real speech models too).
+// Behaviour every streaming model must show: the bundled stubs, and any
+// trained streaming model dropped into models/trained/<name>/ as
+// encoder.onnx, decoder.onnx, tokens.txt (plus joiner.onnx for a
+// transducer). The expectations below hold for real speech models too.
 
 struct StreamingModel {
   std::string name;
@@ -109,9 +138,44 @@ void PrintTo(const StreamingModel& model, std::ostream* out) {
   *out << model.name;
 }
 
+// Test names may hold only letters, digits and underscores.
+std::string TestNameFor(const std::string& folder) {
+  std::string name = "Trained_";
+  for (char c : folder) {
+    name += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+  }
+  return name;
+}
+
+std::vector<StreamingModel> TrainedStreamingModels() {
+  namespace fs = std::filesystem;
+  std::vector<StreamingModel> models;
+  std::error_code ignored;
+  for (const fs::directory_entry& entry :
+       fs::directory_iterator(ModelPath("trained"), ignored)) {
+    const fs::path dir = entry.path();
+    if (!fs::exists(dir / "encoder.onnx") || !fs::exists(dir / "decoder.onnx") ||
+        !fs::exists(dir / "tokens.txt")) {
+      continue;
+    }
+    OnlineInitOptions options;
+    options.model_type = "";  // joiner present: transducer; else paraformer
+    options.encoder = (dir / "encoder.onnx").string();
+    options.decoder = (dir / "decoder.onnx").string();
+    if (fs::exists(dir / "joiner.onnx")) options.joiner = (dir / "joiner.onnx").string();
+    options.tokens = (dir / "tokens.txt").string();
+    models.push_back({TestNameFor(dir.filename().string()), options});
+  }
+  return models;
+}
+
 std::vector<StreamingModel> StreamingModels() {
-  return {{"StubTransducer", TransducerStub()},
-          {"StubParaformer", ParaformerStub()}};
+  std::vector<StreamingModel> models = {{"StubTransducer", TransducerStub()},
+                                        {"StubParaformer", ParaformerStub()}};
+  for (StreamingModel& trained : TrainedStreamingModels()) {
+    models.push_back(std::move(trained));
+  }
+  return models;
 }
 
 class EveryStreamingModel : public ::testing::TestWithParam<StreamingModel> {};
@@ -125,28 +189,14 @@ TEST_P(EveryStreamingModel, InitMakesItReady) {
 }
 
 TEST_P(EveryStreamingModel, RecordingGivesTextOnceInputIsFinished) {
-  OnlineBackend backend;
-  std::string error;
-  ASSERT_TRUE(backend.Init(GetParam().options, &error)) << error;
-  const std::vector<float> recording =
-      LoadWavForTest(AudioPath("espeak/en10s.wav"));
-  for (size_t start = 0; start < recording.size(); start += kChunk) {
-    const size_t end = std::min(recording.size(), start + kChunk);
-    const std::vector<float> chunk(recording.begin() + start,
-                                   recording.begin() + end);
-    ASSERT_TRUE(backend.AcceptAndDecode(chunk, nullptr, nullptr, &error))
-        << error;
-  }
-  std::string text;
-  ASSERT_TRUE(backend.InputFinishedAndDecode(&text, &error)) << error;
-  EXPECT_NE(text, "");
+  EXPECT_NE(FinalTextAfterSpeech(GetParam().options, 12.0), "");
 }
 
 TEST_P(EveryStreamingModel, InputFinishedThenResetAcceptsAudioWithEmptyHypothesis) {
   OnlineBackend backend;
   std::string error;
   ASSERT_TRUE(backend.Init(GetParam().options, &error)) << error;
-  FeedChunks(&backend, 20);
+  FeedSpeech(&backend, 3.0);
   std::string text;
   ASSERT_TRUE(backend.InputFinishedAndDecode(&text, &error)) << error;
   ASSERT_NE(text, "");
@@ -163,12 +213,13 @@ TEST_P(EveryStreamingModel, InputFinishedThenResetAcceptsAudioWithEmptyHypothesi
 TEST_P(EveryStreamingModel, ZeroOrNegativeThreadCountRunsWithOneThread) {
   OnlineInitOptions one_thread = GetParam().options;
   one_thread.num_threads = 1;
-  const std::string reference = FinalTextAfter(one_thread, 12);
+  const std::string reference = FinalTextAfterSpeech(one_thread, 3.0);
   ASSERT_NE(reference, "");
   for (int threads : {0, -3}) {
     OnlineInitOptions options = GetParam().options;
     options.num_threads = threads;
-    EXPECT_EQ(FinalTextAfter(options, 12), reference) << threads << " threads";
+    EXPECT_EQ(FinalTextAfterSpeech(options, 3.0), reference)
+        << threads << " threads";
   }
 }
 
