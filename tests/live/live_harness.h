@@ -1,0 +1,298 @@
+#ifndef KERROW_TESTS_LIVE_LIVE_HARNESS_H_
+#define KERROW_TESTS_LIVE_LIVE_HARNESS_H_
+
+// Runs the live session's two threads inside the test process, wired the way
+// Run wires them: commands arrive through a pipe standing in for stdin, audio
+// through a pipe whose read end is options.audio_fd, and the emitter's lines
+// (standard output) are captured in a file while the threads run.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/options.h"
+#include "events/event_emitter.h"
+#include "live/command_loop.h"
+#include "live/pcm_loop.h"
+#include "live/shared_state.h"
+#include "support/kerrow_process.h"
+
+namespace kerrow::testing {
+
+// Sends everything written to descriptor 1 into a temporary file until Stop().
+// The emitter flushes after every line, so the file always holds whole lines.
+class StdoutCapture {
+ public:
+  StdoutCapture() {
+    char name[] = "/tmp/kerrow-live-stdout-XXXXXX";
+    file_fd_ = mkstemp(name);
+    path_ = name;
+    std::fflush(stdout);
+    saved_fd_ = dup(STDOUT_FILENO);
+    dup2(file_fd_, STDOUT_FILENO);
+  }
+  ~StdoutCapture() {
+    Stop();
+    if (::testing::Test::HasFailure()) {
+      std::fprintf(stderr, "---- captured stdout ----\n%s----\n", ReadAll().c_str());
+    }
+    close(file_fd_);
+    unlink(path_.c_str());
+  }
+  StdoutCapture(const StdoutCapture&) = delete;
+  StdoutCapture& operator=(const StdoutCapture&) = delete;
+
+  void Stop() {
+    if (saved_fd_ < 0) return;
+    std::fflush(stdout);
+    dup2(saved_fd_, STDOUT_FILENO);
+    close(saved_fd_);
+    saved_fd_ = -1;
+  }
+
+  std::vector<std::string> Lines() const {
+    std::vector<std::string> lines;
+    const std::string text = ReadAll();
+    size_t begin = 0;
+    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', begin)) {
+      lines.push_back(text.substr(begin, end - begin));
+      begin = end + 1;
+    }
+    return lines;
+  }
+
+ private:
+  std::string ReadAll() const { return ReadFileBytes(path_); }
+
+  std::string path_;
+  int file_fd_ = -1;
+  int saved_fd_ = -1;
+};
+
+// The backends a live session runs with; null members were not built.
+struct LiveBackends {
+  OnlineBackend* online = nullptr;
+  OfflineDecoderBackend* decoder = nullptr;
+  PuncBackend* punc = nullptr;
+  VadBackend* vad = nullptr;
+};
+
+class LiveHarness {
+ public:
+  LiveHarness(Options options, LiveBackends backends)
+      : options_(std::move(options)), backends_(backends) {
+    int command_pipe[2];
+    int audio_pipe[2];
+    EXPECT_EQ(pipe(command_pipe), 0);
+    EXPECT_EQ(pipe(audio_pipe), 0);
+    command_read_ = command_pipe[0];
+    command_write_ = command_pipe[1];
+    audio_read_ = audio_pipe[0];
+    audio_write_ = audio_pipe[1];
+    options_.audio_fd = audio_read_;
+    // Writes give up instead of hanging when the PCM thread has already ended.
+    fcntl(audio_write_, F_SETFL, fcntl(audio_write_, F_GETFL) | O_NONBLOCK);
+    // As Run sets them up.
+    state_.capturing.store(!(options_.manual_mode && options_.start_paused));
+    state_.single_partial_step_samples.store(
+        SinglePartialStepSamples(options_.single_partial_interval, options_.sample_rate));
+  }
+
+  ~LiveHarness() {
+    if (command_write_ >= 0) close(command_write_);
+    if (audio_write_ >= 0) close(audio_write_);
+    if (threads_started_) {
+      state_.quit.store(true);
+      JoinThreads();
+    }
+    close(command_read_);
+    close(audio_read_);
+  }
+
+  void Start() {
+    command_thread_ = std::thread([this] {
+      CommandLoopOnDescriptor(command_read_, options_, backends_.decoder, backends_.punc, nullptr,
+                              nullptr, &emitter_, &state_, &audio_);
+    });
+    pcm_thread_ = std::thread([this] {
+      PcmLoop(options_, backends_.online, backends_.decoder, backends_.punc, backends_.vad,
+              nullptr, nullptr, &emitter_, &state_, &audio_);
+    });
+    threads_started_ = true;
+  }
+
+  void Command(const std::string& line) { WriteAll(command_write_, line + "\n"); }
+  void CloseCommands() {
+    close(command_write_);
+    command_write_ = -1;
+  }
+
+  bool WriteAudioBytes(const std::string& bytes) { return WriteAll(audio_write_, bytes); }
+  bool WriteAudio(const std::vector<float>& samples) { return WriteAudioBytes(S16le(samples)); }
+  // Writes the samples at `speed` times real time (16 kHz) in 0.1 s pieces.
+  bool PlayAudio(const std::vector<float>& samples, double speed) {
+    constexpr size_t kPiece = 1600;
+    const auto begin = std::chrono::steady_clock::now();
+    for (size_t offset = 0; offset < samples.size(); offset += kPiece) {
+      const size_t end = std::min(samples.size(), offset + kPiece);
+      if (!WriteAudio(std::vector<float>(samples.begin() + offset, samples.begin() + end))) {
+        return false;
+      }
+      const auto due = begin + std::chrono::microseconds(
+                                   static_cast<int64_t>(end * 1e6 / 16000.0 / speed));
+      std::this_thread::sleep_until(due);
+    }
+    return true;
+  }
+  void CloseAudio() {
+    close(audio_write_);
+    audio_write_ = -1;
+  }
+
+  // Waits for the session to end the way Run does (quit polled every 30 ms),
+  // then joins the command thread and the PCM thread. False after the timeout.
+  bool WaitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!state_.quit.load()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
+    JoinThreads();
+    return true;
+  }
+
+  // Index of the first captured line from `from` on that satisfies pred, or -1
+  // after the timeout.
+  int WaitForLine(const std::function<bool(const std::string&)>& pred,
+                  std::chrono::milliseconds timeout = std::chrono::seconds(60), size_t from = 0) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      const std::vector<std::string> lines = capture_.Lines();
+      for (size_t i = from; i < lines.size(); ++i) {
+        if (pred(lines[i])) return static_cast<int>(i);
+      }
+      if (std::chrono::steady_clock::now() > deadline) return -1;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+  int WaitForLineContaining(const std::string& needle,
+                            std::chrono::milliseconds timeout = std::chrono::seconds(60),
+                            size_t from = 0) {
+    return WaitForLine(
+        [&](const std::string& line) { return line.find(needle) != std::string::npos; }, timeout,
+        from);
+  }
+
+  // Polls a condition on the shared state; false after the timeout.
+  static bool WaitUntil(const std::function<bool()>& condition,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(60)) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+  }
+
+  std::vector<std::string> Lines() const { return capture_.Lines(); }
+  void StopCapture() { capture_.Stop(); }
+
+  SharedState& state() { return state_; }
+  AudioBuffer& audio() { return audio_; }
+  EventEmitter& emitter() { return emitter_; }
+  const Options& options() const { return options_; }
+
+  static std::string S16le(const std::vector<float>& samples) {
+    std::string bytes;
+    bytes.reserve(samples.size() * 2);
+    for (float sample : samples) {
+      float scaled = sample * 32768.0f;
+      if (scaled > 32767.0f) scaled = 32767.0f;
+      if (scaled < -32768.0f) scaled = -32768.0f;
+      const auto value = static_cast<uint16_t>(static_cast<int16_t>(scaled));
+      bytes.push_back(static_cast<char>(value & 0xFF));
+      bytes.push_back(static_cast<char>(value >> 8));
+    }
+    return bytes;
+  }
+
+ private:
+  void JoinThreads() {
+    if (command_thread_.joinable()) command_thread_.join();
+    if (pcm_thread_.joinable()) pcm_thread_.join();
+    threads_started_ = false;
+  }
+
+  // Blocks (polling) until every byte is written; false when the reader is gone
+  // or 30 s pass without progress.
+  static bool WriteAll(int fd, const std::string& bytes) {
+    size_t written = 0;
+    while (written < bytes.size()) {
+      const ssize_t n = write(fd, bytes.data() + written, bytes.size() - written);
+      if (n > 0) {
+        written += static_cast<size_t>(n);
+        continue;
+      }
+      if (n < 0 && errno != EAGAIN && errno != EINTR) return false;
+      pollfd waiting{fd, POLLOUT, 0};
+      if (poll(&waiting, 1, 30000) <= 0) return false;
+    }
+    return true;
+  }
+
+  Options options_;
+  LiveBackends backends_;
+  StdoutCapture capture_;
+  EventEmitter emitter_;
+  SharedState state_;
+  AudioBuffer audio_;
+  int command_read_ = -1;
+  int command_write_ = -1;
+  int audio_read_ = -1;
+  int audio_write_ = -1;
+  std::thread command_thread_;
+  std::thread pcm_thread_;
+  bool threads_started_ = false;
+};
+
+// Lines of one kind, in order: those starting with `prefix`.
+inline std::vector<std::string> LinesStartingWith(const std::vector<std::string>& lines,
+                                                  const std::string& prefix) {
+  std::vector<std::string> out;
+  for (const auto& line : lines) {
+    if (line.rfind(prefix, 0) == 0) out.push_back(line);
+  }
+  return out;
+}
+
+inline int IndexOfLine(const std::vector<std::string>& lines, const std::string& line,
+                       size_t from = 0) {
+  for (size_t i = from; i < lines.size(); ++i) {
+    if (lines[i] == line) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+inline int CountContaining(const std::vector<std::string>& lines, const std::string& needle) {
+  int count = 0;
+  for (const auto& line : lines) count += line.find(needle) != std::string::npos ? 1 : 0;
+  return count;
+}
+
+inline std::string Log(const std::string& message) {
+  return "{\"message\":\"" + message + "\",\"type\":\"log\"}";
+}
+
+}  // namespace kerrow::testing
+
+#endif  // KERROW_TESTS_LIVE_LIVE_HARNESS_H_
