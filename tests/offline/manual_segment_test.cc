@@ -1,0 +1,142 @@
+#include "offline/manual_segment.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "events/event_emitter.h"
+#include "live/shared_state.h"
+#include "offline/pipeline_fixtures.h"
+#include "offline/stdout_capture.h"
+
+namespace kerrow {
+namespace {
+
+using testing_support::AudioPath;
+using testing_support::CharacterErrorRate;
+using testing_support::kSampleRate;
+using testing_support::ParsedSegment;
+using testing_support::ParseSegments;
+using testing_support::PatternSenseVoice;
+using testing_support::ReadRecording;
+using testing_support::ReadTextFile;
+using testing_support::StdoutCapture;
+using testing_support::TrainedPunc;
+using testing_support::TrainedSenseVoice;
+
+struct ManualRun {
+  bool ok = false;
+  std::vector<std::string> lines;
+  bool stop_flush_after = false;
+  size_t samples_left = 0;
+};
+
+// Runs one manual-segment decode over samples with the stop-flush request
+// raised, as the command thread does on "stop".
+ManualRun RunManual(const Options& options, OfflineDecoderBackend* decoder, PuncBackend* punc,
+                    std::vector<float> samples) {
+  EventEmitter emitter;
+  AudioBuffer audio;
+  audio.samples = std::move(samples);
+  SharedState state;
+  state.pending_stop_flush = true;
+  ManualRun run;
+  StdoutCapture capture;
+  run.ok = DecodeAndEmitManualSegment(options, decoder, punc, &emitter, &audio, &state);
+  run.lines = capture.Stop();
+  run.stop_flush_after = state.pending_stop_flush.load();
+  run.samples_left = audio.samples.size();
+  return run;
+}
+
+TEST(ManualSegment, NoAudioLogsAndLeavesStopFlushAlone) {
+  const ManualRun run = RunManual(Options(), TrainedSenseVoice(), nullptr, {});
+  EXPECT_TRUE(run.ok);
+  EXPECT_EQ(run.lines, std::vector<std::string>{
+                           R"({"message":"No audio captured in this segment","type":"log"})"});
+  EXPECT_TRUE(run.stop_flush_after);
+}
+
+TEST(ManualSegment, Under50MillisecondsIsSkippedAsTooShort) {
+  const ManualRun run = RunManual(Options(), PatternSenseVoice(), nullptr,
+                                  std::vector<float>(799, 0.0f));
+  EXPECT_TRUE(run.ok);
+  EXPECT_EQ(run.lines, std::vector<std::string>{
+                           R"({"message":"Recording too short, skipping decode","type":"log"})"});
+  EXPECT_EQ(run.samples_left, 0u);  // taken out of the buffer all the same
+  EXPECT_TRUE(run.stop_flush_after);
+}
+
+TEST(ManualSegment, Exactly50MillisecondsIsDecoded) {
+  const ManualRun run = RunManual(Options(), PatternSenseVoice(), nullptr,
+                                  std::vector<float>(800, 0.0f));
+  EXPECT_TRUE(run.ok);
+  ASSERT_EQ(run.lines.size(), 1u);
+  EXPECT_EQ(run.lines[0].find("Recording too short"), std::string::npos) << run.lines[0];
+}
+
+TEST(ManualSegment, SilenceLogsEmptyTextAndEmitsNothing) {
+  const ManualRun run = RunManual(Options(), TrainedSenseVoice(), TrainedPunc(),
+                                  ReadRecording("format-checks/sil.wav"));
+  EXPECT_TRUE(run.ok);
+  EXPECT_EQ(run.lines,
+            std::vector<std::string>{
+                R"({"message":"Second-pass decode finished with empty text","type":"log"})"});
+  EXPECT_TRUE(run.stop_flush_after);
+}
+
+TEST(ManualSegment, SpeechIsEmittedAsOneResultAndClearsStopFlush) {
+  Options options;
+  options.session_id = 2;
+  const ManualRun run = RunManual(options, TrainedSenseVoice(), TrainedPunc(),
+                                  ReadRecording("espeak/en_short.wav"));
+  EXPECT_TRUE(run.ok);
+  ASSERT_EQ(run.lines.size(), 1u);
+  const std::string& line = run.lines[0];
+  EXPECT_EQ(line.rfind(R"({"type":"result","stage":"second-pass","mode":"offline_final",)"
+                       R"("sessionId":2,"segments":[{"start_time":0.00,"end_time":4.32,)"
+                       R"("start_ms":0,"end_ms":4321,"text":")",
+                       0),
+            0u)
+      << line;
+  // A manual segment is neither final nor a whole-file result.
+  EXPECT_EQ(line.find("is_final"), std::string::npos);
+  EXPECT_EQ(line.find("offline_2pass"), std::string::npos);
+  EXPECT_EQ(line.find("merged_text"), std::string::npos);
+  const std::vector<ParsedSegment> segments = ParseSegments(line);
+  ASSERT_EQ(segments.size(), 1u);
+  EXPECT_LT(CharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")), segments[0].text),
+            0.3)
+      << segments[0].text;
+  // Punctuated inside, but a text that may still grow shows no closing mark.
+  const std::string& text = segments[0].text;
+  EXPECT_TRUE(text.find("，") != std::string::npos || text.find("。") != std::string::npos)
+      << text;
+  EXPECT_NE(text.substr(text.size() - 3), "。") << text;
+  EXPECT_FALSE(run.stop_flush_after);
+  EXPECT_EQ(run.samples_left, 0u);
+}
+
+TEST(ManualSegment, DecodeFailureEmitsErrorAndKeepsStopFlush) {
+  OfflineDecoderBackend not_loaded;
+  const ManualRun run =
+      RunManual(Options(), &not_loaded, nullptr, std::vector<float>(kSampleRate, 0.0f));
+  EXPECT_FALSE(run.ok);
+  EXPECT_EQ(run.lines,
+            std::vector<std::string>{
+                R"({"message":"Second-pass decode failed: Decoder is not initialized","type":"error"})"});
+  EXPECT_TRUE(run.stop_flush_after);
+}
+
+TEST(ManualSegment, MissingDecoderFailsLikeAnUnloadedOne) {
+  const ManualRun run =
+      RunManual(Options(), nullptr, nullptr, std::vector<float>(kSampleRate, 0.0f));
+  EXPECT_FALSE(run.ok);
+  EXPECT_EQ(run.lines,
+            std::vector<std::string>{
+                R"({"message":"Second-pass decode failed: Decoder is not initialized","type":"error"})"});
+}
+
+}  // namespace
+}  // namespace kerrow
