@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
 #include <regex>
 #include <string>
 #include <vector>
@@ -11,6 +15,8 @@
 #include "live/shared_state.h"
 #include "offline/pipeline_fixtures.h"
 #include "offline/stdout_capture.h"
+#include "speaker/enroll_db.h"
+#include "speaker/speaker_identifier.h"
 
 namespace kerrow {
 namespace {
@@ -38,13 +44,14 @@ struct PipelineOutput {
 
 PipelineOutput RunPipeline(const Options& options, OfflineDecoderBackend* decoder,
                            PuncBackend* punc, const std::vector<float>& samples,
-                           DiarizationBackend* diarization = nullptr) {
+                           DiarizationBackend* diarization = nullptr,
+                           SpeakerIdentifier* speaker_id = nullptr) {
   EventEmitter emitter;
   AudioBuffer audio;
   audio.capture_samples = samples;
   PipelineOutput output;
   StdoutCapture capture;
-  output.ok = DecodeAndEmitOffline2PassFull(options, decoder, punc, diarization, nullptr,
+  output.ok = DecodeAndEmitOffline2PassFull(options, decoder, punc, diarization, speaker_id,
                                             &emitter, &audio);
   output.lines = capture.Stop();
   return output;
@@ -461,6 +468,71 @@ TEST(Offline2Pass, DiarizationOffNeverAsksTheBackend) {
   ASSERT_TRUE(out.ok);
   EXPECT_FALSE(AnyLineContains(out.lines, "diarization"));
   EXPECT_FALSE(AnyLineContains(out.lines, "DIARIZATION"));
+}
+
+TEST(Offline2Pass, IdentifiedSpeakersReplaceDiarizationLabels) {
+  // Voice A of the dialog is enrolled as "Alice"; voice B is nobody we know.
+  char db_template[] = "/tmp/kerrow-enroll-XXXXXX";
+  const int fd = mkstemp(db_template);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  const std::string db_path = db_template;
+  std::remove(db_path.c_str());
+
+  SpeakerIdentifierOptions id_options;
+  id_options.model = ModelPath("trained/speaker-embedding/model.onnx");
+  id_options.threshold = 0.5f;
+  std::string error;
+  std::vector<float> alice;
+  {
+    SpeakerIdentifier embedder;
+    ASSERT_TRUE(embedder.Init(id_options, &error)) << error;
+    ASSERT_TRUE(embedder.ComputeEmbedding(ReadRecording("espeak-dialog/a_enroll.wav"),
+                                          kSampleRate, &alice, &error))
+        << error;
+  }
+  bool already = false;
+  std::string id;
+  ASSERT_TRUE(AppendEnrollEmbedding(db_path, "", "Alice", "0123456789abcdef0123456789abcdef",
+                                    alice, &error, &already, &id))
+      << error;
+  id_options.enroll_db = db_path;
+  SpeakerIdentifier identifier;
+  ASSERT_TRUE(identifier.Init(id_options, &error)) << error;
+
+  // The dialog's own turn file: voice A, then B, then A again.
+  ScriptedDiarization diarization;
+  diarization.turns = {{0.5, 5.083, "SPEAKER_00"},
+                       {5.783, 10.65, "SPEAKER_01"},
+                       {11.349, 16.507, "SPEAKER_00"}};
+  Options options = WithVad();
+  options.diarization = true;
+  std::vector<float> samples = ReadRecording("espeak-dialog/two-voices-dialog.wav");
+  samples.resize(17 * kSampleRate);
+  const PipelineOutput out =
+      RunPipeline(options, TrainedSenseVoice(), TrainedPunc(), samples, &diarization, &identifier);
+  std::remove(db_path.c_str());
+  ASSERT_TRUE(out.ok);
+
+  const std::vector<std::string> logs = LogMessages(out.lines);
+  bool alice_matched = false;
+  for (const std::string& message : logs) {
+    if (message.rfind("[SPEAKER_ID] SPEAKER_00 -> Alice (score=", 0) == 0) alice_matched = true;
+  }
+  EXPECT_TRUE(alice_matched) << ::testing::PrintToString(logs);
+  EXPECT_TRUE(AnyLineContains(out.lines, "[TIMING][SPEAKER_ID] ms="));
+  EXPECT_TRUE(AnyLineContains(out.lines, "[DIARIZATION][RAW] start=0.5s end=5.083s speaker=Alice"));
+
+  const std::vector<ParsedSegment> segments = ParseSegments(ResultLine(out.lines));
+  ASSERT_FALSE(segments.empty());
+  std::vector<std::string> speakers;
+  for (const ParsedSegment& segment : segments) speakers.push_back(segment.speaker);
+  EXPECT_EQ(speakers.front(), "Alice") << ::testing::PrintToString(speakers);
+  EXPECT_EQ(speakers.back(), "Alice") << ::testing::PrintToString(speakers);
+  // The unknown voice keeps an anonymous label, renumbered from 00 since the
+  // enrolled name took none.
+  EXPECT_NE(std::find(speakers.begin(), speakers.end(), "SPEAKER_00"), speakers.end())
+      << ::testing::PrintToString(speakers);
 }
 
 }  // namespace
