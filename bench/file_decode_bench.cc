@@ -47,6 +47,7 @@ double AudioSeconds(const std::string& wav_path) {
 std::vector<std::string> KerrowArgs(const std::string& wav) {
   const std::string models = KERROW_MODELS_DIR;
   return {KERROW_BINARY,
+          "--manual-mode",
           "--wav-input", wav,
           "--second-model", models + "/trained/sensevoice-en-char/model.onnx",
           "--second-tokens", models + "/trained/sensevoice-en-char/tokens.txt",

@@ -14,6 +14,7 @@ out=$(mktemp)
 trap 'rm -f "$out"' EXIT
 set +e
 "$build/kerrow" \
+  --manual-mode \
   --wav-input "$wav" \
   --second-type sensevoice \
   --second-model "$models/sensevoice-en-char/model.onnx" \

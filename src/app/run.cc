@@ -224,8 +224,10 @@ int RunFileInput(const Options& options, const Components& components, EventEmit
     return 1;
   }
   {
+    // The whole-recording decode takes the capture buffer, as it does for a
+    // live capture at "stop".
     std::lock_guard<std::mutex> lock(audio->mutex);
-    audio->samples = std::move(samples);
+    audio->capture_samples = std::move(samples);
   }
 
   emitter->EmitLog(kind + " input: using unified offline_2pass decode path");

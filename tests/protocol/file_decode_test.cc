@@ -22,7 +22,7 @@ std::string Log(const std::string& pattern) {
 }
 
 ProcessResult DecodeWav(const std::string& wav, const std::vector<std::string>& model_args) {
-  return RunKerrow(Concat({"--wav-input", wav}, model_args));
+  return RunKerrow(Concat({"--manual-mode", "--wav-input", wav}, model_args));
 }
 
 std::vector<std::string> WhisperStubArgs() {
@@ -219,7 +219,7 @@ TEST(FileDecode, PcmInputTakesTheSameDecodePath) {
   TempDir dir;
   const std::string pcm = dir.File("clip.pcm");
   WriteFileBytes(pcm, S16leBytes(LoadWavForTest(AudioPath("format-checks/3s.wav"))));
-  const ProcessResult r = RunKerrow(Concat({"--pcm-input", pcm}, WhisperStubArgs()));
+  const ProcessResult r = RunKerrow(Concat({"--manual-mode", "--pcm-input", pcm}, WhisperStubArgs()));
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stdout_lines[3], LogLine("PCM input: using unified offline_2pass decode path"));
   const int result = IndexOfResult(r.stdout_lines);
@@ -233,7 +233,7 @@ TEST(FileDecode, F32lePcmInputIsDecoded) {
   const std::string pcm = dir.File("clip.f32");
   const std::vector<float> samples = LoadWavForTest(AudioPath("format-checks/3s.wav"));
   WriteFileBytes(pcm, std::string(reinterpret_cast<const char*>(samples.data()), samples.size() * sizeof(float)));
-  const ProcessResult r = RunKerrow(Concat({"--pcm-input", pcm, "--audio-format", "f32le"}, WhisperStubArgs()));
+  const ProcessResult r = RunKerrow(Concat({"--manual-mode", "--pcm-input", pcm, "--audio-format", "f32le"}, WhisperStubArgs()));
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   EXPECT_EQ(JsonStringField(r.stdout_lines[IndexOfResult(r.stdout_lines)], "merged_text"),
             "Hello world, this is a stub café.");
@@ -244,7 +244,7 @@ TEST(FileDecode, F32lePcmInputIsDecoded) {
 TEST(FileDecode, FailedDecoderRefusesTheFileWithItsInitError) {
   const std::string missing = "/nonexistent/kerrow/model.onnx";
   const ProcessResult r = RunKerrow(
-      {"--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", missing, "--second-tokens",
+      {"--manual-mode", "--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", missing, "--second-tokens",
        TrainedSenseVoiceTokens()});
   ASSERT_EQ(r.exit_status, 1);
   const auto& lines = r.stdout_lines;
@@ -252,7 +252,7 @@ TEST(FileDecode, FailedDecoderRefusesTheFileWithItsInitError) {
   EXPECT_EQ(lines[0], LogLine("Creating recognizers. Please wait..."));
   const std::string prefix = "{\"message\":\"[M2] Offline decoder init failed: ";
   ASSERT_EQ(lines[1].rfind(prefix, 0), 0u) << lines[1];
-  const std::string init_error = lines[1].substr(prefix.size(), lines[1].size() - prefix.size() - 16);
+  const std::string init_error = lines[1].substr(prefix.size(), lines[1].size() - prefix.size() - std::string("\",\"type\":\"log\"}").size());
   EXPECT_NE(init_error.find(missing), std::string::npos) << init_error;
   EXPECT_EQ(lines[2], LogLine("[M2] Running in skeleton fallback mode"));
   EXPECT_EQ(lines[3], ReadyLine());
@@ -265,7 +265,7 @@ TEST(FileDecode, FailedDecoderRefusesPcmInputNamingTheOption) {
   const std::string pcm = dir.File("clip.pcm");
   WriteFileBytes(pcm, std::string(3200, '\0'));
   const ProcessResult r =
-      RunKerrow({"--pcm-input", pcm, "--second-model", dir.path(), "--second-tokens", TrainedSenseVoiceTokens()});
+      RunKerrow({"--manual-mode", "--pcm-input", pcm, "--second-model", dir.path(), "--second-tokens", TrainedSenseVoiceTokens()});
   ASSERT_EQ(r.exit_status, 1);
   ASSERT_GE(r.stdout_lines.size(), 2u);
   EXPECT_EQ(r.stdout_lines[r.stdout_lines.size() - 2].rfind(
@@ -329,7 +329,7 @@ TEST_P(BadModelFileTest, AsTheRecognizerItIsRefusedAndTheFileDecodeFails) {
   TempDir dir;
   const std::string model = GetParam().make(dir);
   const ProcessResult r =
-      RunKerrow({"--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", model, "--second-tokens",
+      RunKerrow({"--manual-mode", "--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", model, "--second-tokens",
                  TrainedSenseVoiceTokens()});
   EXPECT_EQ(r.exit_status, 1) << JoinLines(r.stdout_lines);
   ASSERT_GE(r.stdout_lines.size(), 3u) << r.stderr_text;
@@ -342,7 +342,7 @@ TEST_P(BadModelFileTest, AsThePunctuationModelTheRunGoesOnWithoutPunctuation) {
   TempDir dir;
   const std::string model = GetParam().make(dir);
   const ProcessResult r = RunKerrow(
-      Concat({"--wav-input", AudioPath("format-checks/3s.wav"), "--ct-transformer", model}, WhisperStubArgs()));
+      Concat({"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--ct-transformer", model}, WhisperStubArgs()));
   EXPECT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   ASSERT_GE(r.stdout_lines.size(), 3u) << r.stderr_text;
   EXPECT_EQ(r.stdout_lines[2].rfind("{\"message\":\"[M3] Offline punctuation init failed: ", 0), 0u)
@@ -354,7 +354,7 @@ TEST_P(BadModelFileTest, AsTheVadModelTheFileIsDecodedInChunks) {
   TempDir dir;
   const std::string model = GetParam().make(dir);
   const ProcessResult r = RunKerrow(
-      Concat({"--wav-input", AudioPath("format-checks/3s.wav"), "--silero-vad-model", model}, WhisperStubArgs()));
+      Concat({"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--silero-vad-model", model}, WhisperStubArgs()));
   EXPECT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   EXPECT_GE(IndexOfMatch(r.stdout_lines, Log("offline_2pass VAD init failed, fallback to chunk decode: .+")), 0)
       << JoinLines(r.stdout_lines);
@@ -368,25 +368,25 @@ TEST(FileDecode, ModelOfTheWrongFamilyIsRefusedForEachRole) {
   // The punctuation model as the recognizer, the recognizer as the punctuation
   // model and as the VAD: each valid ONNX, each lacking what its role needs.
   const ProcessResult as_recognizer =
-      RunKerrow({"--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", TrainedPunctuationModel(),
+      RunKerrow({"--manual-mode", "--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", TrainedPunctuationModel(),
                  "--second-tokens", TrainedSenseVoiceTokens()});
   EXPECT_EQ(as_recognizer.exit_status, 1) << JoinLines(as_recognizer.stdout_lines);
   EXPECT_EQ(as_recognizer.stdout_lines.back(), CompleteLine("File decode failed"));
 
   const ProcessResult as_punctuation = RunKerrow(Concat(
-      {"--wav-input", AudioPath("format-checks/3s.wav"), "--ct-transformer", TrainedSenseVoiceModel()},
+      {"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--ct-transformer", TrainedSenseVoiceModel()},
       WhisperStubArgs()));
   EXPECT_EQ(as_punctuation.exit_status, 0) << JoinLines(as_punctuation.stdout_lines);
   EXPECT_EQ(as_punctuation.stdout_lines[2].rfind("{\"message\":\"[M3] Offline punctuation init failed: ", 0), 0u);
 
   const ProcessResult as_vad = RunKerrow(Concat(
-      {"--wav-input", AudioPath("format-checks/3s.wav"), "--silero-vad-model", TrainedPunctuationModel()},
+      {"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--silero-vad-model", TrainedPunctuationModel()},
       WhisperStubArgs()));
   EXPECT_EQ(as_vad.exit_status, 0) << JoinLines(as_vad.stdout_lines);
   EXPECT_GE(IndexOfMatch(as_vad.stdout_lines, Log("offline_2pass VAD init failed, fallback to chunk decode: .+")), 0);
 
   const ProcessResult whisper_as_sensevoice =
-      RunKerrow({"--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", WhisperStubEncoder(),
+      RunKerrow({"--manual-mode", "--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", WhisperStubEncoder(),
                  "--second-tokens", WhisperStubTokens()});
   EXPECT_EQ(whisper_as_sensevoice.exit_status, 1) << JoinLines(whisper_as_sensevoice.stdout_lines);
 }
@@ -394,7 +394,7 @@ TEST(FileDecode, ModelOfTheWrongFamilyIsRefusedForEachRole) {
 // ---- reader errors, end to end ---------------------------------------------
 
 void ExpectReaderError(const std::vector<std::string>& input_args, const std::string& message) {
-  const ProcessResult r = RunKerrow(Concat(input_args, PatternStubArgs()));
+  const ProcessResult r = RunKerrow(Concat(Concat({"--manual-mode"}, input_args), PatternStubArgs()));
   EXPECT_EQ(r.exit_status, 1) << JoinLines(r.stdout_lines);
   ASSERT_EQ(r.stdout_lines.size(), 5u) << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stdout_lines[2], ReadyLine());

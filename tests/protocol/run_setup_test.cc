@@ -12,7 +12,7 @@ namespace kerrow::testing {
 namespace {
 
 std::vector<std::string> WhisperStubFileArgs() {
-  return {"--wav-input", AudioPath("format-checks/3s.wav"), "--second-type", "whisper", "--second-encoder",
+  return {"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--second-type", "whisper", "--second-encoder",
           WhisperStubEncoder(), "--second-decoder", WhisperStubDecoder(), "--second-tokens", WhisperStubTokens()};
 }
 
