@@ -69,6 +69,30 @@ void AppendPiece(const std::string& piece, std::string* text) {
   text->append(piece);
 }
 
+// The text the punctuation model is given: the text without its punctuation,
+// except that a full-width mark standing between two ASCII words becomes a
+// blank. The library writes "world，how" with no blank after the mark, so
+// plain stripping would weld "world" and "how" into one word when an already
+// punctuated text (a merged transcript) is punctuated again.
+std::string PlainTextForPuncModel(const std::string& text) {
+  std::string plain;
+  plain.reserve(text.size());
+  bool word_break = false;
+  for (size_t pos = 0; pos < text.size();) {
+    size_t step = Utf8CharLen(static_cast<unsigned char>(text[pos]));
+    if (pos + step > text.size()) step = 1;
+    if (ShouldStripPuncToken(text, pos, step)) {
+      if (step > 1 && !plain.empty() && IsAsciiAlnum(plain.back())) word_break = true;
+    } else {
+      if (word_break && step == 1 && IsAsciiAlnum(text[pos])) plain.push_back(' ');
+      word_break = false;
+      plain.append(text, pos, step);
+    }
+    pos += step;
+  }
+  return plain;
+}
+
 enum class TailFate { kPunctuated, kLeftPlain };
 
 // Punctuates the words the model dropped, on their own and again checked, and
@@ -145,7 +169,7 @@ bool PunctuateKeepingEveryWord(PuncBackend* punc, EventEmitter* emitter,
 std::string RefineTextWithPunc(PuncBackend* punc, EventEmitter* emitter,
                                const std::string& text) {
   if (!PuncUsable(punc) || text.empty()) return text;
-  const std::string plain = StripPuncForPuncModel(text);
+  const std::string plain = PlainTextForPuncModel(text);
   if (plain.empty()) return text;
 
   std::string punctuated;
@@ -170,7 +194,7 @@ std::string ApplyRealtimePunc(PuncBackend* punc, EventEmitter* emitter,
                               const std::string& text, std::string* context,
                               int context_codepoints, bool is_final) {
   if (!PuncUsable(punc) || text.empty()) return text;
-  const std::string plain = StripPuncForPuncModel(text);
+  const std::string plain = PlainTextForPuncModel(text);
   if (plain.empty()) return text;
 
   const std::string ctx = context != nullptr ? *context : std::string();

@@ -62,6 +62,20 @@ TEST(RefineTextWithPunc, StripsOldMarksBeforeTheModel) {
             "hello world，how are you？");
 }
 
+// The library writes no blank after a full-width mark ("world，how"); punctuating
+// such a text again (the merged transcript) must not weld the two words together.
+TEST(RefineTextWithPunc, FullWidthMarkBetweenEnglishWordsKeepsTheWordsApart) {
+  EventEmitter emitter;
+  StdoutCapture capture;
+  const std::string refined = RefineTextWithPunc(
+      Trained(), &emitter, "speech recognition，converts spoken words into text。today is monday");
+  EXPECT_EQ(refined.find("recognitionconverts"), std::string::npos) << refined;
+  EXPECT_EQ(refined.find("texttoday"), std::string::npos) << refined;
+  EXPECT_NE(refined.find("recognition"), std::string::npos) << refined;
+  EXPECT_NE(refined.find("converts"), std::string::npos) << refined;
+  EXPECT_NE(refined.find("today is monday"), std::string::npos) << refined;
+}
+
 TEST(RefineTextWithPunc, WithoutModelReturnsTextUnchanged) {
   EXPECT_EQ(RefineTextWithPunc(nullptr, nullptr, "hello world"), "hello world");
   PuncBackend not_loaded;
