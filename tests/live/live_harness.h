@@ -119,6 +119,9 @@ class LiveHarness {
     close(audio_read_);
   }
 
+  // Reads audio from `fd` (owned by the caller) instead of the harness pipe.
+  void UseAudioDescriptor(int fd) { options_.audio_fd = fd; }
+
   void Start() {
     command_thread_ = std::thread([this] {
       CommandLoopOnDescriptor(command_read_, options_, backends_.decoder, backends_.punc, nullptr,
@@ -287,6 +290,62 @@ inline int CountContaining(const std::vector<std::string>& lines, const std::str
   int count = 0;
   for (const auto& line : lines) count += line.find(needle) != std::string::npos ? 1 : 0;
   return count;
+}
+
+// The integer value of a top-level key such as "segment_id"; `missing` when absent.
+inline long JsonIntField(const std::string& line, const std::string& key, long missing = -999) {
+  const std::string needle = "\"" + key + "\":";
+  const size_t at = line.find(needle);
+  if (at == std::string::npos) return missing;
+  return std::strtol(line.c_str() + at + needle.size(), nullptr, 10);
+}
+
+// The first "text" value of a record, with the escapes these texts use undone.
+inline std::string JsonTextField(const std::string& line) {
+  const std::string key = "\"text\":\"";
+  const size_t begin = line.find(key);
+  if (begin == std::string::npos) return "";
+  std::string text;
+  for (size_t i = begin + key.size(); i < line.size() && line[i] != '"'; ++i) {
+    if (line[i] == '\\' && i + 1 < line.size()) ++i;
+    text.push_back(line[i]);
+  }
+  return text;
+}
+
+// The first number after `key` ("start_time" etc.), read as a double.
+inline double JsonNumberField(const std::string& line, const std::string& key) {
+  const std::string needle = "\"" + key + "\":";
+  const size_t at = line.find(needle);
+  if (at == std::string::npos) return -1.0;
+  return std::strtod(line.c_str() + at + needle.size(), nullptr);
+}
+
+inline bool IsFirstPass(const std::string& line) {
+  return line.rfind("{\"type\":\"first-pass\"", 0) == 0;
+}
+inline bool IsResult(const std::string& line) {
+  return line.rfind("{\"type\":\"result\"", 0) == 0;
+}
+inline bool IsPunctuated(const std::string& line) {
+  return line.rfind("{\"type\":\"punctuated\"", 0) == 0;
+}
+
+// Lowercase letters, apostrophes and single blanks, for comparing transcripts.
+inline std::string PlainWords(const std::string& text) {
+  std::string out;
+  bool blank = false;
+  for (unsigned char c : text) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c - 'A' + 'a');
+    if ((c >= 'a' && c <= 'z') || c == '\'') {
+      if (blank && !out.empty()) out.push_back(' ');
+      blank = false;
+      out.push_back(static_cast<char>(c));
+    } else {
+      blank = true;
+    }
+  }
+  return out;
 }
 
 inline std::string Log(const std::string& message) {

@@ -9,19 +9,6 @@
 namespace kerrow::testing {
 namespace {
 
-// The first "text" value of a record, unescaped only as far as these texts need.
-std::string FirstTextField(const std::string& line) {
-  const std::string key = "\"text\":\"";
-  const size_t begin = line.find(key);
-  if (begin == std::string::npos) return "";
-  std::string text;
-  for (size_t i = begin + key.size(); i < line.size() && line[i] != '"'; ++i) {
-    if (line[i] == '\\' && i + 1 < line.size()) ++i;
-    text.push_back(line[i]);
-  }
-  return text;
-}
-
 std::string Letters(const std::string& text) {
   std::string out;
   for (char c : text) {
@@ -68,7 +55,7 @@ TEST_F(RealtimeBatch, ShortPairWaitsForASecondOfAudioAndTheNextSegmentDecodesAll
   const std::vector<std::string> lines = capture.Lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0], Log("[M3] realtime 2pass pending short segment samples=11200 min_samples=16000"));
-  const std::string text = FirstTextField(lines[1]);
+  const std::string text = JsonTextField(lines[1]);
   EXPECT_FALSE(text.empty());
   EXPECT_EQ(lines[1],
             "{\"type\":\"result\",\"stage\":\"second-pass\",\"mode\":\"offline_final\","
@@ -120,7 +107,7 @@ TEST_F(RealtimeBatch, SegmentsSevenToNineGiveOneResultNamingTheirRange) {
   // The three pieces joined are the whole recording: the trained recognizer
   // reads it back closely.
   EXPECT_LT(CharacterErrorRate("hello world this is a test of the second pass recognizer",
-                               Letters(FirstTextField(lines[0]))),
+                               Letters(JsonTextField(lines[0]))),
             0.3)
       << lines[0];
 }
@@ -140,7 +127,7 @@ TEST_F(RealtimeBatch, PunctuationContextCarriesTheTailOfTheBatchToTheNext) {
   const std::string context = queue.punc_context();
   EXPECT_EQ(context.size(), 24u) << context;
   EXPECT_EQ(StripPuncForPuncModel(context), context);
-  EXPECT_TRUE(EndsWith(WithoutBlanks(StripPuncForPuncModel(FirstTextField(lines[0]))),
+  EXPECT_TRUE(EndsWith(WithoutBlanks(StripPuncForPuncModel(JsonTextField(lines[0]))),
                        WithoutBlanks(context)))
       << lines[0] << " / " << context;
   queue.Clear();
