@@ -140,7 +140,7 @@ TEST(Offline2Pass, VadGroupsAreDecodedPunctuatedAndEmittedAsOneResult) {
        // The tail piece holds no words, so it is not punctuated.
        "[TIMING][ASR_DECODE] group_idx=1 chunk_s=0.363063 ms=<ms>",
        "[TIMING][VAD_AND_ASR] ms=<ms> asr_decode_ms_sum=<ms> punc_group_ms_sum=<ms> groups=2",
-       "[TIMING][PUNC_MERGED] ms=<ms> chars=162", kResultLine, "[TIMING][TOTAL] ms=<ms>"});
+       "[TIMING][PUNC_MERGED] ms=<ms> chars=164", kResultLine, "[TIMING][TOTAL] ms=<ms>"});
 
   const std::string result = ResultLine(out.lines);
   EXPECT_NE(result.find(R"("is_final":true,"offline_2pass":true,"segments":[)"), std::string::npos);
