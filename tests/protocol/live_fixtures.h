@@ -1,0 +1,139 @@
+#ifndef KERROW_TESTS_PROTOCOL_LIVE_FIXTURES_H_
+#define KERROW_TESTS_PROTOCOL_LIVE_FIXTURES_H_
+
+// Shared by the process-level tests of the live session: command lines for
+// its modes, a started child and readers for the transcript records.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "protocol/protocol_fixtures.h"
+
+namespace kerrow::testing {
+
+inline const std::string kShortReference = "hello world this is a test of the second pass recognizer";
+
+// The streaming first pass. A trained streaming model replaces the stub here
+// once one is bundled.
+inline std::vector<std::string> StreamingFirstPassArgs() {
+  const std::string dir = ModelPath("stubs/streaming-transducer/");
+  return {"--first-encoder", dir + "encoder.onnx", "--first-decoder", dir + "decoder.onnx",
+          "--first-joiner",  dir + "joiner.onnx",  "--first-tokens",  dir + "tokens.txt",
+          "--num-threads-first", "1"};
+}
+
+inline std::vector<std::string> ManualRealtimeArgs() {
+  return Concat(Concat({"--manual-mode", "--manual-realtime", "--start-paused",
+                        "--silero-vad-model", SileroVadModel(), "--ct-transformer",
+                        TrainedPunctuationModel()},
+                       StreamingFirstPassArgs()),
+                TrainedSenseVoiceArgs());
+}
+
+inline std::vector<std::string> SingleModelArgs() {
+  return Concat({"--manual-mode", "--manual-realtime", "--single-model-streaming",
+                 "--start-paused", "--silero-vad-model", SileroVadModel()},
+                TrainedSenseVoiceArgs());
+}
+
+inline std::vector<float> ShortSpeech() { return LoadWavForTest(AudioPath("espeak/en_short.wav")); }
+
+inline std::vector<float> SilenceSeconds(double seconds) {
+  return std::vector<float>(static_cast<size_t>(seconds * 16000), 0.0f);
+}
+
+inline std::vector<float> Join(std::vector<float> a, const std::vector<float>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// Pads with silence up to a multiple of five seconds, so that the keepalive
+// line logged at that total tells the host that all of it has been read.
+inline std::vector<float> PadToKeepalive(std::vector<float> samples) {
+  samples.resize((samples.size() + 79999) / 80000 * 80000, 0.0f);
+  return samples;
+}
+
+inline std::string KeepaliveLine(int seconds) {
+  return LogLine("PCM keepalive: received " + std::to_string(seconds) + ".000000s audio");
+}
+
+inline bool IsFirstPassLine(const std::string& line) {
+  return line.rfind("{\"type\":\"first-pass\"", 0) == 0;
+}
+inline bool IsResultLine(const std::string& line) {
+  return line.rfind("{\"type\":\"result\"", 0) == 0;
+}
+
+inline long IntField(const std::string& line, const std::string& key, long missing = -999) {
+  const std::string needle = "\"" + key + "\":";
+  const size_t at = line.find(needle);
+  if (at == std::string::npos) return missing;
+  return std::strtol(line.c_str() + at + needle.size(), nullptr, 10);
+}
+
+// The first "text" value of a record (inside "segments" for results).
+inline std::string TextField(const std::string& line) {
+  const std::string key = "\"text\":\"";
+  const size_t begin = line.find(key);
+  if (begin == std::string::npos) return "";
+  std::string text;
+  for (size_t i = begin + key.size(); i < line.size() && line[i] != '"'; ++i) {
+    if (line[i] == '\\' && i + 1 < line.size()) ++i;
+    text.push_back(line[i]);
+  }
+  return text;
+}
+
+// True when the text ends in one of the sentence marks the punctuation model writes.
+inline bool EndsWithMark(const std::string& text) {
+  for (const std::string mark : {"。", "？", "！", ".", "?", "!"}) {
+    if (text.size() >= mark.size() && text.compare(text.size() - mark.size(), mark.size(), mark) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+inline std::vector<std::string> ResultLines(const std::vector<std::string>& lines) {
+  std::vector<std::string> out;
+  for (const auto& line : lines) {
+    if (IsResultLine(line)) out.push_back(line);
+  }
+  return out;
+}
+
+// A live child, started, with the ready event already seen.
+inline std::unique_ptr<KerrowProcess> StartLive(const std::vector<std::string>& args,
+                                                int audio_fd = 3) {
+  KerrowProcess::Config config;
+  config.args = args;
+  config.audio_fd = audio_fd;
+  auto process = std::make_unique<KerrowProcess>(config);
+  std::string error;
+  EXPECT_TRUE(process->Start(&error)) << error;
+  EXPECT_GE(process->WaitForLine([](const std::string& line) { return line == ReadyLine(); },
+                                 std::chrono::seconds(60)),
+            0)
+      << JoinLines(process->Lines());
+  return process;
+}
+
+// "quit", then the exit status; the complete event must be the last line.
+inline void QuitAndExpectCleanEnd(KerrowProcess* process) {
+  process->WriteCommand("quit");
+  EXPECT_EQ(process->Wait(std::chrono::seconds(60)), 0);
+  const std::vector<std::string> lines = process->Lines();
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.back(), CompleteLine("Session ended (partial M2)"));
+  EXPECT_EQ(process->Stderr(), "");
+}
+
+}  // namespace kerrow::testing
+
+#endif  // KERROW_TESTS_PROTOCOL_LIVE_FIXTURES_H_
