@@ -8,6 +8,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "text/ascii_case.h"
+
 namespace kerrow {
 
 namespace {
@@ -112,13 +114,6 @@ RealTable MakeRealTable() {
       {"--single-trim-keep", &Options::single_trim_keep},
       {"--single-max-window", &Options::single_max_window},
   };
-}
-
-std::string ToLowerAscii(std::string value) {
-  for (char& byte : value) {
-    byte = static_cast<char>(std::tolower(static_cast<unsigned char>(byte)));
-  }
-  return value;
 }
 
 // Walks argv and writes every recognised option into `options`. Returns false

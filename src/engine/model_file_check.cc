@@ -6,6 +6,8 @@
 #include <system_error>
 #include <vector>
 
+#include "engine/library_call.h"
+
 namespace kerrow {
 
 namespace {
@@ -14,10 +16,6 @@ namespace fs = std::filesystem;
 
 // What a git checkout without git-lfs leaves in place of a large file.
 constexpr char kLfsPointerPrefix[] = "version https://git-lfs";
-
-void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
 
 // The metadata keys sherpa-onnx 1.13.8 reads unconditionally when it loads a
 // model of each family; a missing one ends the process inside Create.

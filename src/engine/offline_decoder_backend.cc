@@ -7,9 +7,11 @@
 #include <limits>
 #include <sstream>
 
+#include "engine/library_call.h"
 #include "engine/model_file_check.h"
 #include "engine/sherpa_handles.h"
 #include "engine/sherpa_onnx_c_api.h"
+#include "text/ascii_case.h"
 
 namespace kerrow {
 
@@ -19,17 +21,6 @@ constexpr char kDecodeExceptionPrefix[] =
     "SherpaOnnxDecodeOfflineStream() exception: ";
 constexpr char kDecodeUnknownException[] =
     "SherpaOnnxDecodeOfflineStream() unknown exception";
-
-void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
-
-std::string ToLower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) {
-    return static_cast<char>(std::tolower(c));
-  });
-  return text;
-}
 
 std::vector<std::string> SplitCommas(const std::string& text) {
   std::vector<std::string> parts;
@@ -45,7 +36,7 @@ std::vector<std::string> SplitCommas(const std::string& text) {
 // pinned library takes one code only, so the empty string is the only way to
 // ask for detection.
 std::string ResolveWhisperLanguage(const std::string& language) {
-  const std::string lowered = ToLower(language);
+  const std::string lowered = ToLowerAscii(language);
   return lowered == "auto" ? std::string() : lowered;
 }
 
@@ -139,7 +130,7 @@ struct OfflineDecoderBackend::Impl {
 };
 
 std::string ResolveDecoderModelType(const DecoderInitOptions& options) {
-  const std::string type = ToLower(options.model_type);
+  const std::string type = ToLowerAscii(options.model_type);
   if (type == "whisper") return "whisper";
   if (type.empty() &&
       (!options.whisper_encoder.empty() || !options.whisper_decoder.empty())) {

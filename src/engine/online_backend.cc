@@ -6,10 +6,12 @@
 #include <exception>
 #include <limits>
 
+#include "engine/library_call.h"
 #include "engine/model_file_check.h"
 #include "engine/onnx_model_info.h"
 #include "engine/sherpa_handles.h"
 #include "engine/sherpa_onnx_c_api.h"
+#include "text/ascii_case.h"
 
 namespace kerrow {
 
@@ -27,34 +29,6 @@ struct OnlineBackend::Impl {
 namespace {
 
 constexpr char kNotInitialized[] = "Online backend is not initialized";
-
-void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
-
-// The library is C++ underneath and lets exceptions (mostly onnxruntime
-// complaining about a model whose tensors do not fit) escape through its C
-// functions. Runs `call` and turns such an exception into one message that
-// names the library function, instead of letting it end the process.
-template <typename Call>
-bool CallLibrary(const char* function_name, Call&& call, std::string* error) {
-  try {
-    call();
-    return true;
-  } catch (const std::exception& e) {
-    SetError(error, std::string(function_name) + " exception: " + e.what());
-  } catch (...) {
-    SetError(error, std::string(function_name) + " exception: unknown");
-  }
-  return false;
-}
-
-std::string ToLowerAscii(std::string text) {
-  for (char& c : text) {
-    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  }
-  return text;
-}
 
 // An empty type is inferred from the paths: a joiner only exists for a
 // transducer. Anything but "paraformer" (zipformer, lstm, typos) is treated as

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "engine/library_call.h"
+
 namespace kerrow {
 
 namespace {
@@ -24,10 +26,6 @@ constexpr int kWireFixed32 = 5;
 
 constexpr uint32_t kMaxFieldNumber = (1u << 29) - 1;
 constexpr int kMaxVarintBytes = 10;
-
-void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
 
 std::string AtByte(uint64_t offset) {
   return " at byte " + std::to_string(offset);

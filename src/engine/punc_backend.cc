@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 
+#include "engine/library_call.h"
 #include "engine/model_file_check.h"
 #include "engine/sherpa_handles.h"
 #include "engine/sherpa_onnx_c_api.h"
@@ -10,10 +11,6 @@
 namespace kerrow {
 
 namespace {
-
-void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
 
 bool CreatePunctuation(const PuncInitOptions& options,
                        PunctuationHandle* punctuation, std::string* error) {

@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "engine/library_call.h"
 #include "engine/model_file_check.h"
 #include "engine/sherpa_handles.h"
 #include "engine/sherpa_onnx_c_api.h"
@@ -28,26 +29,6 @@ constexpr int32_t kSileroWindowSize = 512;
 // precision: the float nearest 0.01 is just below it and refused too.
 constexpr double kMinThreshold = 0.01;
 constexpr double kMaxThresholdExclusive = 1.0;
-
-void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
-
-// The library is C++ underneath and lets exceptions (mostly onnxruntime
-// complaining about the model) escape through its C functions. Runs `call`
-// and turns such an exception into one message naming the library function.
-template <typename Call>
-bool CallLibrary(const char* function_name, Call&& call, std::string* error) {
-  try {
-    call();
-    return true;
-  } catch (const std::exception& e) {
-    SetError(error, std::string(function_name) + " exception: " + e.what());
-  } catch (...) {
-    SetError(error, std::string(function_name) + " exception: unknown");
-  }
-  return false;
-}
 
 // The library does not fail Create on these but ends the process inside it.
 bool CheckSileroShape(const VadInitOptions& options, std::string* error) {
