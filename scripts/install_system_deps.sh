@@ -15,12 +15,12 @@ packages=(
 )
 
 missing=()
-for spec in "${packages[@]}"; do
-  name=${spec%%=*}
-  want=${spec#*=}
+for pin in "${packages[@]}"; do
+  name=${pin%%=*}
+  want=${pin#*=}
   have=$(dpkg-query -W -f='${Version}' "$name" 2>/dev/null || true)
-  if [ -z "$have" ] || { [ "$want" != "$spec" ] && [ "$have" != "$want" ]; }; then
-    missing+=("$spec")
+  if [ -z "$have" ] || { [ "$want" != "$pin" ] && [ "$have" != "$want" ]; }; then
+    missing+=("$pin")
   fi
 done
 # npm fetches the pinned sherpa-onnx runtime; Debian's own npm serves when the

@@ -11,15 +11,14 @@
 namespace kerrow {
 namespace {
 
+using testing::GitLfsPointerText;
 using testing::ModelPath;
 using testing::ReadFileBytes;
 using testing::TempDir;
 using testing::WriteFileBytes;
 
-const char kLfsPointer[] =
-    "version https://git-lfs.github.com/spec/v1\n"
-    "oid sha256:fdf60619843862a05603299c7435e928962e29aa6305e0a3f889583d7bacdc11\n"
-    "size 8199965\n";
+const std::string kLfsPointer =
+    GitLfsPointerText("fdf60619843862a05603299c7435e928962e29aa6305e0a3f889583d7bacdc11", 8199965);
 
 std::string CheckError(const std::string& path, ModelFamily family) {
   std::string error;

@@ -14,6 +14,7 @@ namespace {
 using testing::AudioPath;
 using testing::CharacterErrorRate;
 using testing::LoadWavForTest;
+using testing::GitLfsPointerText;
 using testing::ModelPath;
 using testing::ReadFileBytes;
 using testing::TempDir;
@@ -297,8 +298,7 @@ TEST(OfflineDecoderBackend, RandomBytesAsModelFail) {
 
 TEST(OfflineDecoderBackend, GitLfsPointerAsModelFails) {
   TempDir dir;
-  WriteFileBytes(dir.File("model.onnx"),
-                 "version https://git-lfs.github.com/spec/v1\noid sha256:00\nsize 8199965\n");
+  WriteFileBytes(dir.File("model.onnx"), GitLfsPointerText("00", 8199965));
   DecoderInitOptions options = TrainedSenseVoice();
   options.sense_voice_model = dir.File("model.onnx");
   EXPECT_EQ(InitError(options),

@@ -21,6 +21,7 @@ namespace {
 
 using testing::AudioPath;
 using testing::LoadWavForTest;
+using testing::GitLfsPointerText;
 using testing::ModelPath;
 using testing::ReadFileBytes;
 using testing::TempDir;
@@ -574,10 +575,7 @@ std::string MakeBadFile(const TempDir& dir, BadFile kind, const std::string& rea
       return path;
     }
     case BadFile::kLfsPointer:
-      WriteFileBytes(path,
-                     "version https://git-lfs.github.com/spec/v1\n"
-                     "oid sha256:84b85e7413b5348303a95bd78813e4d669b4dc70fa5a9"
-                     "9990b9860ca6fda91e8\nsize 3809\n");
+      WriteFileBytes(path, GitLfsPointerText("84b85e7413b5348303a95bd78813e4d669b4dc70fa5a99990b9860ca6fda91e8", 3809));
       return path;
     case BadFile::kTruncated: {
       const std::string bytes = ReadFileBytes(real);

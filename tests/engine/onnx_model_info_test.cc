@@ -10,6 +10,7 @@
 namespace kerrow {
 namespace {
 
+using testing::GitLfsPointerText;
 using testing::ModelPath;
 using testing::ReadFileBytes;
 
@@ -94,7 +95,7 @@ TEST(OnnxModelInfo, EmptyInputFails) {
 TEST(OnnxModelInfo, TextFileFails) {
   OnnxModelInfo info;
   std::string error;
-  EXPECT_FALSE(ParseOnnxModelInfo("version https://git-lfs.github.com/spec/v1\n", &info, &error));
+  EXPECT_FALSE(ParseOnnxModelInfo(GitLfsPointerText(), &info, &error));
   EXPECT_FALSE(error.empty());
 }
 

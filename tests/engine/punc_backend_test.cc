@@ -9,6 +9,7 @@
 namespace kerrow {
 namespace {
 
+using testing::GitLfsPointerText;
 using testing::ModelPath;
 using testing::ReadFileBytes;
 using testing::TempDir;
@@ -129,8 +130,7 @@ TEST(PuncBackend, EmptyModelFileFails) {
 
 TEST(PuncBackend, GitLfsPointerAsModelFails) {
   TempDir dir;
-  WriteFileBytes(dir.File("model.onnx"),
-                 "version https://git-lfs.github.com/spec/v1\noid sha256:00\nsize 8122671\n");
+  WriteFileBytes(dir.File("model.onnx"), GitLfsPointerText("00", 8122671));
   PuncInitOptions options;
   options.model = dir.File("model.onnx");
   EXPECT_EQ(InitError(options),

@@ -15,6 +15,7 @@ namespace {
 
 using testing::AudioPath;
 using testing::LoadWavForTest;
+using testing::GitLfsPointerText;
 using testing::ModelPath;
 using testing::ReadFileBytes;
 using testing::TempDir;
@@ -491,10 +492,7 @@ TEST(VadBackend, RandomBytesAsModelFail) {
 TEST(VadBackend, GitLfsPointerAsModelFails) {
   TempDir dir;
   const std::string path = dir.File("silero_vad.onnx");
-  WriteFileBytes(path,
-                 "version https://git-lfs.github.com/spec/v1\n"
-                 "oid sha256:1a153a22f4509e292a94e67d6f9b85e8deb25b4988682b7e1"
-                 "74c65279d8788e3\nsize 2327524\n");
+  WriteFileBytes(path, GitLfsPointerText("1a153a22f4509e292a94e67d6f9b85e8deb25b4988682b7e174c65279d8788e3", 2327524));
   EXPECT_EQ(InitErrorWithModel(path),
             "model file is a git-lfs pointer, not the model: " + path);
 }

@@ -306,9 +306,7 @@ std::string MakeRandomBytes(const TempDir& dir) {
 }
 std::string MakeLfsPointer(const TempDir& dir) {
   WriteFileBytes(dir.File("lfs.onnx"),
-                 "version https://git-lfs.github.com/spec/v1\n"
-                 "oid sha256:fdf60619843862a05603299c7435e928962e29aa6305e0a3f889583d7bacdc11\n"
-                 "size 8199965\n");
+                 GitLfsPointerText("fdf60619843862a05603299c7435e928962e29aa6305e0a3f889583d7bacdc11", 8199965));
   return dir.File("lfs.onnx");
 }
 std::string MakeTruncated(const TempDir& dir) {

@@ -225,7 +225,7 @@ TEST_F(RegisterIdentifyProcess, UnknownSpeakerIdIsAnErrorAndTheDatabaseStaysAsIt
 
 TEST_F(RegisterIdentifyProcess, GitLfsPointerModelIsAnErrorNotACrash) {
   const std::string model = dir_.File("model.onnx");
-  WriteFileBytes(model, "version https://git-lfs.github.com/spec/v1\noid sha256:00\nsize 1\n");
+  WriteFileBytes(model, GitLfsPointerText("00", 1));
   const ProcessResult result = Register("A", Clip("a_enroll.wav"), {}, model);
   EXPECT_EQ(result.exit_status, 1);
   EXPECT_EQ(result.stderr_text, "");

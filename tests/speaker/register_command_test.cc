@@ -21,6 +21,7 @@ using speaker_test::EmbeddingOfClip;
 using speaker_test::StubModel;
 using speaker_test::TrainedModel;
 using speaker_test::Wav16Bytes;
+using testing::GitLfsPointerText;
 using testing::ReadFileBytes;
 using testing::TempDir;
 using testing::WriteFileBytes;
@@ -264,7 +265,7 @@ TEST_F(RegisterCommand, GitLfsPointerModelFailsWithoutEndingTheProcess) {
   Options options = OptionsFor("Bob", "b_enroll.wav");
   const std::string model = dir_.File("model.onnx");
   options.speaker_embedding_model = model;
-  WriteFileBytes(model, "version https://git-lfs.github.com/spec/v1\noid sha256:00\nsize 1\n");
+  WriteFileBytes(model, GitLfsPointerText("00", 1));
   ExpectFailureLeavesDbUnchanged(options, "register: failed to load speaker embedding model '" +
                                               model +
                                               "': model file is a git-lfs pointer, not the model: " +

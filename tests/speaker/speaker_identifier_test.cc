@@ -22,6 +22,7 @@ using speaker_test::kRate;
 using speaker_test::StubModel;
 using speaker_test::TrainedModel;
 using speaker_test::TrainedOptions;
+using testing::GitLfsPointerText;
 using testing::LoadWavForTest;
 using testing::TempDir;
 using testing::WriteFileBytes;
@@ -100,9 +101,7 @@ TEST(SpeakerIdentifier, GitLfsPointerAsModelFailsWithTheRealModelHint) {
   TempDir dir;
   const std::string path = dir.File("model.onnx");
   WriteFileBytes(path,
-                 "version https://git-lfs.github.com/spec/v1\n"
-                 "oid sha256:742fb04c40352ae44321764cab2638e9628d1505093a1661d8b84b2e22f38ed7\n"
-                 "size 2007351\n");
+                 GitLfsPointerText("742fb04c40352ae44321764cab2638e9628d1505093a1661d8b84b2e22f38ed7", 2007351));
   EXPECT_EQ(InitErrorForModel(path),
             "failed to load speaker embedding model '" + path +
                 "': model file is a git-lfs pointer, not the model: " + path +

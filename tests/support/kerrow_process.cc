@@ -332,4 +332,9 @@ std::string JsonStringField(const std::string& json_line, const std::string& key
   return "";
 }
 
+std::string GitLfsPointerText(const std::string& sha256_hex, size_t size) {
+  return "version https://git-lfs.github.com/spec/v1\noid sha256:" + sha256_hex + "\nsize " +
+         std::to_string(size) + "\n";
+}
+
 }  // namespace kerrow::testing

@@ -108,6 +108,10 @@ double CharacterErrorRate(const std::string& reference, const std::string& hypot
 // JsonStringField(line, "merged_text"); "" if absent.
 std::string JsonStringField(const std::string& json_line, const std::string& key);
 
+// The text a git checkout without LFS leaves in place of a large file: what a
+// user may hand kerrow instead of the model itself.
+std::string GitLfsPointerText(const std::string& sha256_hex = std::string(64, '0'), size_t size = 1);
+
 }  // namespace kerrow::testing
 
 #endif  // KERROW_TESTS_SUPPORT_KERROW_PROCESS_H_
