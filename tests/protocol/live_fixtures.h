@@ -90,6 +90,12 @@ inline std::string TextField(const std::string& line) {
   return text;
 }
 
+// The id of a "[VAD] seg source=... id=N ..." log line, or -1.
+inline long VadSegmentId(const std::string& line) {
+  const size_t at = line.find(" id=");
+  return at == std::string::npos ? -1 : std::strtol(line.c_str() + at + 4, nullptr, 10);
+}
+
 // True when the text ends in one of the sentence marks the punctuation model writes.
 inline bool EndsWithMark(const std::string& text) {
   for (const std::string mark : {"。", "？", "！", ".", "?", "!"}) {
