@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -281,6 +282,8 @@ struct BadModelFile {
   const char* name;
   std::string (*make)(const TempDir& dir);
 };
+
+void PrintTo(const BadModelFile& file, std::ostream* out) { *out << file.name; }
 
 std::string MakeMissing(const TempDir& dir) { return dir.File("no-such-model.onnx"); }
 std::string MakeEmpty(const TempDir& dir) {
