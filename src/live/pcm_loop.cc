@@ -91,6 +91,9 @@ class PcmSession {
       bool eof = false;
       errno = 0;
       if (!reader_.ReadChunk(settings_.chunk_samples, &chunk_, &eof)) {
+        // The reader returns straight after the failed read, so errno still
+        // tells "nothing more yet" (the bytes so far stay in its carry-over)
+        // from a real failure.
         if (errno == EAGAIN || errno == EWOULDBLOCK) {
           WaitForAudio(options_.audio_fd);
           continue;
