@@ -31,6 +31,14 @@ bool PcmPipeReader::ReadChunk(size_t samples, std::vector<float>* out, bool* eof
     const ssize_t got = read(fd_, buffer, sizeof(buffer));
     if (got < 0) {
       if (errno == EINTR) continue;  // a signal is not the end of the stream
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        // A non-blocking descriptor with the rest of the chunk still on its
+        // way: keep what came and hand back nothing yet, so that the caller
+        // can attend to its other work and call again.
+        out->clear();
+        *eof = false;
+        return true;
+      }
       return false;
     }
     if (got == 0) {

@@ -20,9 +20,10 @@ class PcmPipeReader {
 
   // Blocks until `samples` samples (0 counts as 1) are available and returns them
   // in out. At end of stream the last, possibly short, chunk is returned with
-  // eof = false; the following call reports eof = true with an empty out. Returns
-  // false only when a read fails with an error other than EINTR, or when out or
-  // eof is null.
+  // eof = false; the following call reports eof = true with an empty out. On a
+  // non-blocking descriptor a chunk that has not fully arrived yet gives an empty
+  // out with eof = false (the bytes so far are kept). Returns false only when a
+  // read fails with an error other than EINTR or EAGAIN, or when out or eof is null.
   bool ReadChunk(size_t samples, std::vector<float>* out, bool* eof);
 
   // Drops the carried-over bytes so that audio from before a reset cannot leak

@@ -3,10 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 
-#include <cerrno>
-#include <chrono>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -31,7 +28,6 @@ namespace {
 // How long one wait for audio lasts before the loop looks at its requests and
 // the quit flag again.
 constexpr int kAudioPollMs = 10;
-constexpr auto kIdleSleep = std::chrono::milliseconds(10);
 // The first-partial diagnostic shows only the head of long texts.
 constexpr size_t kDiagTextBytes = 64;
 
@@ -89,15 +85,7 @@ class PcmSession {
       ApplyPendingResets("loop-top");
       HandleStopRequests();
       bool eof = false;
-      errno = 0;
       if (!reader_.ReadChunk(settings_.chunk_samples, &chunk_, &eof)) {
-        // The reader returns straight after the failed read, so errno still
-        // tells "nothing more yet" (the bytes so far stay in its carry-over)
-        // from a real failure.
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
-          WaitForAudio(options_.audio_fd);
-          continue;
-        }
         emitter_->EmitError("PCM pipe read failed");
         state_->quit.store(true);
         return;
@@ -109,7 +97,8 @@ class PcmSession {
         return;
       }
       if (chunk_.empty()) {
-        std::this_thread::sleep_for(kIdleSleep);
+        // Nothing complete yet: wait for more audio, at most one poll interval.
+        WaitForAudio(options_.audio_fd);
         continue;
       }
       ProcessChunk();

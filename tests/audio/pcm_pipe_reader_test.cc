@@ -190,6 +190,30 @@ TEST(PcmPipeReader, ClearPendingDropsPartialSampleAndNextChunkStartsFresh) {
   EXPECT_FALSE(eof);
 }
 
+// The PCM loop reads a non-blocking descriptor so that it never hangs while the
+// host pauses its audio: a chunk still on its way is "nothing yet", not an error.
+TEST(PcmPipeReader, NonBlockingChunkNotYetCompleteGivesNothingAndKeepsTheBytes) {
+  Pipe pipe;
+  ASSERT_EQ(fcntl(pipe.read_fd(), F_SETFL, fcntl(pipe.read_fd(), F_GETFL) | O_NONBLOCK), 0);
+  PcmPipeReader reader(pipe.read_fd(), AudioFormat::s16le);
+  std::vector<float> out{0.5f};
+  bool eof = true;
+
+  ASSERT_TRUE(reader.ReadChunk(4, &out, &eof));
+  EXPECT_TRUE(out.empty());
+  EXPECT_FALSE(eof);
+
+  pipe.Write(std::string("\x00\x80\xff\x7f\x00", 5));
+  ASSERT_TRUE(reader.ReadChunk(4, &out, &eof));
+  EXPECT_TRUE(out.empty());
+  EXPECT_FALSE(eof);
+
+  pipe.Write(std::string("\x00\x00\x00", 3));
+  ASSERT_TRUE(reader.ReadChunk(4, &out, &eof));
+  EXPECT_EQ(out, (std::vector<float>{-1.0f, 32767.0f / 32768.0f, 0.0f, 0.0f}));
+  EXPECT_FALSE(eof);
+}
+
 TEST(PcmPipeReader, ReadErrorFailsAndLeavesOutputUntouched) {
   const int directory = open("/", O_RDONLY);
   ASSERT_GE(directory, 0);
