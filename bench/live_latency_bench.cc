@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "audio/wav_reader.h"
+#include "bench_recordings.h"
 #include "engine/offline_decoder_backend.h"
 #include "host/kerrow_host.h"
 
@@ -24,17 +24,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int kRate = 16000;
 constexpr double kPauseSeconds = 2.0;
-
-std::vector<float> LoadWav(const std::string& relative) {
-  std::vector<float> samples;
-  std::string error;
-  if (!kerrow::ReadWavMono(std::string(KERROW_TEST_DATA_DIR) + "/audio/" + relative, kRate,
-                           &samples, &error)) {
-    std::fprintf(stderr, "cannot read %s: %s\n", relative.c_str(), error.c_str());
-    std::exit(1);
-  }
-  return samples;
-}
 
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
@@ -87,8 +76,8 @@ int main(int argc, char** argv) {
   const std::string sense_voice = models + "/trained/sensevoice-en-char/model.onnx";
   const std::string tokens = models + "/trained/sensevoice-en-char/tokens.txt";
   const std::vector<std::vector<float>> utterances = {
-      LoadWav("espeak/en_short.wav"), LoadWav("espeak-dialog/a_test.wav"),
-      LoadWav("espeak-dialog/b_test.wav")};
+      kerrow::bench::LoadRecording("espeak/en_short.wav"), kerrow::bench::LoadRecording("espeak-dialog/a_test.wav"),
+      kerrow::bench::LoadRecording("espeak-dialog/b_test.wav")};
 
   kerrow::host::LaunchConfig launch;
   launch.binary = KERROW_BINARY;

@@ -14,24 +14,13 @@
 #include <string>
 #include <vector>
 
-#include "audio/wav_reader.h"
+#include "bench_recordings.h"
 #include "host/kerrow_host.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr int kRate = 16000;
-
-std::vector<float> LoadWav(const std::string& relative) {
-  std::vector<float> samples;
-  std::string error;
-  if (!kerrow::ReadWavMono(std::string(KERROW_TEST_DATA_DIR) + "/audio/" + relative, kRate,
-                           &samples, &error)) {
-    std::fprintf(stderr, "cannot read %s: %s\n", relative.c_str(), error.c_str());
-    std::exit(1);
-  }
-  return samples;
-}
 
 void Append(std::vector<float>* to, const std::vector<float>& from) {
   to->insert(to->end(), from.begin(), from.end());
@@ -42,8 +31,8 @@ void Append(std::vector<float>* to, const std::vector<float>& from) {
 // last segment, and is padded in front to whole 5 s keepalive blocks.
 std::vector<float> CaptureAudio(double seconds, int capture) {
   static const std::vector<std::vector<float>> kUtterances = {
-      LoadWav("espeak/en_short.wav"), LoadWav("espeak/en10s.wav"),
-      LoadWav("espeak-dialog/a_test.wav"), LoadWav("espeak-dialog/b_test.wav")};
+      kerrow::bench::LoadRecording("espeak/en_short.wav"), kerrow::bench::LoadRecording("espeak/en10s.wav"),
+      kerrow::bench::LoadRecording("espeak-dialog/a_test.wav"), kerrow::bench::LoadRecording("espeak-dialog/b_test.wav")};
   std::vector<float> body;
   for (size_t i = static_cast<size_t>(capture); body.size() < seconds * kRate; ++i) {
     Append(&body, kUtterances[i % kUtterances.size()]);
