@@ -48,6 +48,24 @@ struct Components {
   SpeakerIdentifier* speaker_id = nullptr;
 };
 
+// What the host is told about one component's load: its success line, or its
+// failure line followed, where the run falls back to something, by that.
+struct InitReport {
+  std::string success;
+  std::string failure_prefix;
+  std::string fallback;  // empty: nothing further to say
+};
+
+bool ReportInit(EventEmitter* emitter, bool ok, const std::string& error, const InitReport& report) {
+  if (ok) {
+    emitter->EmitLog(report.success);
+    return true;
+  }
+  emitter->EmitLog(report.failure_prefix + error);
+  if (!report.fallback.empty()) emitter->EmitLog(report.fallback);
+  return false;
+}
+
 DecoderInitOptions MakeDecoderInitOptions(const Options& options) {
   DecoderInitOptions init;
   init.sample_rate = options.sample_rate;
@@ -70,12 +88,9 @@ void InitDecoder(const Options& options, EventEmitter* emitter, OfflineDecoderBa
                  std::string* error) {
   const bool ok = decoder->Init(MakeDecoderInitOptions(options), error);
   emitter->EmitLog("Creating recognizers. Please wait...");
-  if (ok) {
-    emitter->EmitLog("[M2] Offline decoder initialized");
-    return;
-  }
-  emitter->EmitLog("[M2] Offline decoder init failed: " + *error);
-  emitter->EmitLog("[M2] Running in skeleton fallback mode");
+  ReportInit(emitter, ok, *error,
+             {"[M2] Offline decoder initialized", "[M2] Offline decoder init failed: ",
+              "[M2] Running in skeleton fallback mode"});
 }
 
 bool InitPunctuation(const Options& options, EventEmitter* emitter, PuncBackend* punc) {
@@ -84,12 +99,9 @@ bool InitPunctuation(const Options& options, EventEmitter* emitter, PuncBackend*
   init.num_threads = options.num_threads_punc;
   init.provider = options.provider_punc;
   std::string error;
-  if (punc->Init(init, &error)) {
-    emitter->EmitLog("[M3] Offline punctuation initialized");
-    return true;
-  }
-  emitter->EmitLog("[M3] Offline punctuation init failed: " + error);
-  return false;
+  const bool ok = punc->Init(init, &error);
+  return ReportInit(emitter, ok, error,
+                    {"[M3] Offline punctuation initialized", "[M3] Offline punctuation init failed: ", ""});
 }
 
 OnlineInitOptions MakeOnlineInitOptions(const Options& options) {
@@ -114,13 +126,10 @@ OnlineInitOptions MakeOnlineInitOptions(const Options& options) {
 
 bool InitOnline(const Options& options, EventEmitter* emitter, OnlineBackend* online) {
   std::string error;
-  if (online->Init(MakeOnlineInitOptions(options), &error)) {
-    emitter->EmitLog("[M3] Online recognizer initialized for first-pass partials");
-    return true;
-  }
-  emitter->EmitLog("[M3] Online recognizer init failed: " + error);
-  emitter->EmitLog("[M3] first-pass will fallback to placeholder events");
-  return false;
+  const bool ok = online->Init(MakeOnlineInitOptions(options), &error);
+  return ReportInit(emitter, ok, error,
+                    {"[M3] Online recognizer initialized for first-pass partials",
+                     "[M3] Online recognizer init failed: ", "[M3] first-pass will fallback to placeholder events"});
 }
 
 VadInitOptions MakeVadInitOptions(const Options& options) {
@@ -140,13 +149,10 @@ VadInitOptions MakeVadInitOptions(const Options& options) {
 
 bool InitVad(const Options& options, EventEmitter* emitter, VadBackend* vad) {
   std::string error;
-  if (vad->Init(MakeVadInitOptions(options), &error)) {
-    emitter->EmitLog("[M2] VAD initialized for manual-realtime");
-    return true;
-  }
-  emitter->EmitLog("[M2] VAD init failed: " + error);
-  emitter->EmitLog("[M2] manual-realtime will fallback to legacy buffering");
-  return false;
+  const bool ok = vad->Init(MakeVadInitOptions(options), &error);
+  return ReportInit(emitter, ok, error,
+                    {"[M2] VAD initialized for manual-realtime", "[M2] VAD init failed: ",
+                     "[M2] manual-realtime will fallback to legacy buffering"});
 }
 
 bool DiarizationRequested(const Options& options) {
@@ -174,11 +180,9 @@ std::unique_ptr<DiarizationBackend> InitDiarization(const Options& options, Even
   init.backend = options.diarization_backend;
   std::string error;
   std::unique_ptr<DiarizationBackend> backend = CreateDiarizationBackend(init, &error);
-  if (backend) {
-    emitter->EmitLog("[M2] Speaker diarization initialized (" + DiarizationLabel(options) + ")");
-  } else {
-    emitter->EmitLog("[M2] Speaker diarization init failed: " + error);
-  }
+  ReportInit(emitter, backend != nullptr, error,
+             {"[M2] Speaker diarization initialized (" + DiarizationLabel(options) + ")",
+              "[M2] Speaker diarization init failed: ", ""});
   return backend;
 }
 
@@ -194,12 +198,10 @@ bool InitSpeakerId(const Options& options, EventEmitter* emitter, SpeakerIdentif
   init.provider = options.provider_first;
   init.threshold = static_cast<float>(options.speaker_id_threshold);
   std::string error;
-  if (identifier->Init(init, &error)) {
-    emitter->EmitLog("[M2] Speaker identification initialized (threshold=" + FormatFixed(init.threshold, 6) + ")");
-    return true;
-  }
-  emitter->EmitLog("[M2] Speaker identification init failed: " + error);
-  return false;
+  const bool ok = identifier->Init(init, &error);
+  return ReportInit(emitter, ok, error,
+                    {"[M2] Speaker identification initialized (threshold=" + FormatFixed(init.threshold, 6) + ")",
+                     "[M2] Speaker identification init failed: ", ""});
 }
 
 // Every file, WAV or raw PCM, goes through the whole-recording two-pass decode.
