@@ -223,6 +223,9 @@ TEST(LiveSession, StartStopStartRestartsIdsAndAppliesResetsBetweenChunks) {
 TEST(LiveSession, QuitDuringACaptureEndsTheRunWithoutDecoding) {
   auto process = StartLive(Concat({"--manual-mode"}, TrainedSenseVoiceArgs()));
   process->WriteCommand("start");
+  // Until the PCM thread takes up the new capture, "start" may still drop a
+  // chunk it finds half read; the keepalive count must see every sample.
+  ASSERT_GE(process->WaitForLineContaining("session-reset-consumed seq=1", seconds(30)), 0);
   ASSERT_TRUE(process->WriteAudioS16(PadToKeepalive(ShortSpeech())));
   ASSERT_GE(process->WaitForLineContaining("received 5.000000s audio", seconds(60)), 0);
   // The audio pipe stays open: "quit" alone ends the session.
