@@ -130,6 +130,25 @@ inline std::unique_ptr<KerrowProcess> StartLive(const std::vector<std::string>& 
   return process;
 }
 
+// Sends "start" and waits until the PCM thread has taken up the new capture.
+// It drops the reader's carry-over and empties the capture state on two
+// requests that it may take up in different passes; audio sent before both are
+// in may be cut. `also` names further lines the caller needs first (the VAD or
+// streaming recognizer's reset).
+inline bool StartCaptureAndWait(KerrowProcess* process, uint64_t seq,
+                                const std::vector<std::string>& also = {}) {
+  const size_t from = process->Lines().size();
+  if (!process->WriteCommand("start")) return false;
+  std::vector<std::string> needles = {
+      "[SESSION-DIAG] pcm-pending-cleared at=",
+      "[SESSION-DIAG] session-reset-consumed seq=" + std::to_string(seq) + " "};
+  needles.insert(needles.end(), also.begin(), also.end());
+  for (const std::string& needle : needles) {
+    if (process->WaitForLineContaining(needle, std::chrono::seconds(30), from) < 0) return false;
+  }
+  return true;
+}
+
 // "quit", then the exit status; the complete event must be the last line.
 inline void QuitAndExpectCleanEnd(KerrowProcess* process) {
   process->WriteCommand("quit");

@@ -16,10 +16,9 @@ using std::chrono::seconds;
 
 TEST(LiveSession, ManualModeStopDecodesTheCaptureAsOneSegment) {
   auto process = StartLive(Concat({"--manual-mode", "--start-paused"}, TrainedSenseVoiceArgs()));
-  process->WriteCommand("start");
   // As a host would: audio sent before the PCM thread has taken up the new
   // capture is dropped as audio of the paused time.
-  ASSERT_GE(process->WaitForLineContaining("session-reset-consumed seq=1", seconds(30)), 0);
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   ASSERT_TRUE(process->WriteAudioS16(PadToKeepalive(ShortSpeech())));
   ASSERT_GE(process->WaitForLineContaining("received 5.000000s audio", seconds(60)), 0);
   process->WriteCommand("stop");
@@ -43,8 +42,7 @@ TEST(LiveSession, ManualModeStopDecodesTheCaptureAsOneSegment) {
 
 TEST(LiveSession, ManualRealtimePublishesPartialsClosesSegmentsAndBatchesResults) {
   auto process = StartLive(ManualRealtimeArgs());
-  process->WriteCommand("start");
-  ASSERT_GE(process->WaitForLineContaining("session-reset-consumed seq=1", seconds(30)), 0);
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   const std::vector<float> speech = ShortSpeech();
   ASSERT_TRUE(process->PlayAudioS16(
       Join(Join(Join(speech, SilenceSeconds(1.0)), speech), SilenceSeconds(1.0)), 4.0));
@@ -89,8 +87,7 @@ TEST(LiveSession, ManualRealtimePublishesPartialsClosesSegmentsAndBatchesResults
 
 TEST(LiveSession, SessionIdIsCarriedByEveryTranscriptRecord) {
   auto process = StartLive(Concat(ManualRealtimeArgs(), {"--session-id", "7"}));
-  process->WriteCommand("start");
-  ASSERT_GE(process->WaitForLineContaining("session-reset-consumed seq=1", seconds(30)), 0);
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   ASSERT_TRUE(process->WriteAudioS16(Join(ShortSpeech(), SilenceSeconds(1.0))));
   ASSERT_GE(process->WaitForLine(IsResultLine, seconds(60)), 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
@@ -113,8 +110,7 @@ TEST(LiveSession, SessionIdIsCarriedByEveryTranscriptRecord) {
 
 TEST(LiveSession, StopInManualRealtimeFlushesTheOpenSegmentAndForcesTheBatch) {
   auto process = StartLive(Concat(ManualRealtimeArgs(), {"--second-pass-every", "4"}));
-  process->WriteCommand("start");
-  ASSERT_GE(process->WaitForLineContaining("session-reset-consumed seq=1", seconds(30)), 0);
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   const std::vector<float> speech = ShortSpeech();
   // Five seconds in all, ending inside speech: the VAD still holds the
   // segment when "stop" arrives.
@@ -140,8 +136,7 @@ TEST(LiveSession, StopInManualRealtimeFlushesTheOpenSegmentAndForcesTheBatch) {
 
 TEST(LiveSession, Offline2passStopRunsTheWholeCapturePipeline) {
   auto process = StartLive(Concat(ManualRealtimeArgs(), {"--offline-2pass"}));
-  process->WriteCommand("start");
-  ASSERT_GE(process->WaitForLineContaining("session-reset-consumed seq=1", seconds(30)), 0);
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   const std::vector<float> speech = ShortSpeech();
   // Audio and "stop" back to back: the stop waits for the pipe to drain.
   ASSERT_TRUE(process->WriteAudioS16(Join(Join(speech, SilenceSeconds(1.0)), speech)));
@@ -171,8 +166,7 @@ TEST(LiveSession, Offline2passStopRunsTheWholeCapturePipeline) {
 
 TEST(LiveSession, SingleModelStreamingPublishesPartialsAndCommitsRealText) {
   auto process = StartLive(SingleModelArgs());
-  process->WriteCommand("start");
-  ASSERT_GE(process->WaitForLineContaining("vad-reset-applied seq=1", seconds(30)), 0);
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1, {"vad-reset-applied seq=1"}));
   ASSERT_TRUE(process->PlayAudioS16(Join(ShortSpeech(), SilenceSeconds(1.5)), 4.0));
   const int result = process->WaitForLine(IsResultLine, seconds(60));
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
@@ -199,10 +193,8 @@ TEST(LiveSession, StartStopStartRestartsIdsAndAppliesResetsBetweenChunks) {
   for (int capture = 1; capture <= 2; ++capture) {
     SCOPED_TRACE(capture);
     const size_t from = process->Lines().size();
-    process->WriteCommand("start");
-    ASSERT_GE(process->WaitForLineContaining(
-                  "online-reset-applied seq=" + std::to_string(capture), seconds(30), from),
-              0);
+    ASSERT_TRUE(StartCaptureAndWait(process.get(), capture,
+                                    {"online-reset-applied seq=" + std::to_string(capture)}));
     ASSERT_TRUE(process->WriteAudioS16(utterance));
     const int result = process->WaitForLine(IsResultLine, seconds(60), from);
     ASSERT_GE(result, 0) << JoinLines(process->Lines());
@@ -222,10 +214,9 @@ TEST(LiveSession, StartStopStartRestartsIdsAndAppliesResetsBetweenChunks) {
 
 TEST(LiveSession, QuitDuringACaptureEndsTheRunWithoutDecoding) {
   auto process = StartLive(Concat({"--manual-mode"}, TrainedSenseVoiceArgs()));
-  process->WriteCommand("start");
-  // Until the PCM thread takes up the new capture, "start" may still drop a
-  // chunk it finds half read; the keepalive count must see every sample.
-  ASSERT_GE(process->WaitForLineContaining("session-reset-consumed seq=1", seconds(30)), 0);
+  // The keepalive count must see every sample, so none may go to the drop of
+  // a half-read chunk that "start" makes.
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   ASSERT_TRUE(process->WriteAudioS16(PadToKeepalive(ShortSpeech())));
   ASSERT_GE(process->WaitForLineContaining("received 5.000000s audio", seconds(60)), 0);
   // The audio pipe stays open: "quit" alone ends the session.
@@ -268,8 +259,7 @@ TEST(LiveSession, AudioArrivesOnTheDescriptorNamedByAudioFdInF32le) {
                                    "--audio-format", "f32le"},
                                   TrainedSenseVoiceArgs()),
                            5);
-  process->WriteCommand("start");
-  ASSERT_GE(process->WaitForLineContaining("session-reset-consumed seq=1", seconds(30)), 0);
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   ASSERT_TRUE(process->WriteAudioF32(PadToKeepalive(ShortSpeech())));
   ASSERT_GE(process->WaitForLineContaining("received 5.000000s audio", seconds(60)), 0);
   process->WriteCommand("stop");

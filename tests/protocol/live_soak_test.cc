@@ -57,10 +57,8 @@ TEST(LiveSoak, ManyCapturesKeepSegmentIdsConsecutiveAndEveryIdDecodedOnce) {
   for (int capture = 1; capture <= kCaptures; ++capture) {
     SCOPED_TRACE(capture);
     const size_t from = process->Lines().size();
-    process->WriteCommand("start");
-    ASSERT_GE(process->WaitForLineContaining(
-                  "online-reset-applied seq=" + std::to_string(capture), seconds(30), from),
-              0);
+    ASSERT_TRUE(StartCaptureAndWait(process.get(), capture,
+                                    {"online-reset-applied seq=" + std::to_string(capture)}));
     const std::vector<float> audio = CaptureAudio(capture);
     ASSERT_TRUE(process->WriteAudioS16(audio));
     total_samples += audio.size();
