@@ -138,8 +138,12 @@ TEST(LiveSession, Offline2passStopRunsTheWholeCapturePipeline) {
   auto process = StartLive(Concat(ManualRealtimeArgs(), {"--offline-2pass"}));
   ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   const std::vector<float> speech = ShortSpeech();
-  // Audio and "stop" back to back: the stop waits for the pipe to drain.
-  ASSERT_TRUE(process->WriteAudioS16(Join(Join(speech, SilenceSeconds(1.0)), speech)));
+  // Audio and "stop" back to back: the stop waits for the pipe to drain. The
+  // wait is bounded, and a loaded machine may not read a full pipe (64 KiB,
+  // about two seconds) within it, so the capture ends in silence that it may
+  // lose without losing words.
+  ASSERT_TRUE(process->WriteAudioS16(
+      Join(Join(Join(speech, SilenceSeconds(1.0)), speech), SilenceSeconds(2.5))));
   process->WriteCommand("stop");
   const int result = process->WaitForLine(
       [](const std::string& line) {
