@@ -134,8 +134,7 @@ TEST(CommandLoop, StopWithoutStartInManualModeDecodesAnEmptyBuffer) {
 TEST(CommandLoop, StartTwiceGrowsTheSequenceAndEmptiesTheBufferEachTime) {
   LiveHarness harness(ManualOptions(), {});
   harness.Start();
-  harness.Command("start");
-  ASSERT_GE(harness.WaitForLineContaining("session-reset-consumed seq=1"), 0);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   ASSERT_TRUE(harness.WriteAudio(Silence(4800)));
   ASSERT_TRUE(LiveHarness::WaitUntil([&] { return harness.state().captured_samples.load() == 4800; }));
   {
@@ -171,10 +170,9 @@ TEST(CommandLoop, StartTwiceGrowsTheSequenceAndEmptiesTheBufferEachTime) {
 TEST(CommandLoop, QuitWithACaptureRunningEndsTheRunWithoutDecoding) {
   LiveHarness harness(ManualOptions(), {});
   harness.Start();
-  harness.Command("start");
-  ASSERT_GE(harness.WaitForLineContaining("session-reset-consumed seq=1"), 0);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   ASSERT_TRUE(harness.WriteAudio(Silence(16000)));
-  ASSERT_TRUE(LiveHarness::WaitUntil([&] { return harness.state().captured_samples.load() == 16000; }, std::chrono::seconds(5)))
+  ASSERT_TRUE(LiveHarness::WaitUntil([&] { return harness.state().captured_samples.load() == 16000; }))
       << harness.state().captured_samples.load() << " " << harness.state().total_samples.load();
   harness.Command("quit");
   // The audio pipe stays open: quit alone must end both threads.

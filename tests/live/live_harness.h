@@ -21,6 +21,8 @@
 #include <vector>
 
 #include "app/options.h"
+#include "engine/online_backend.h"
+#include "engine/vad_backend.h"
 #include "events/event_emitter.h"
 #include "live/command_loop.h"
 #include "live/pcm_loop.h"
@@ -123,6 +125,9 @@ class LiveHarness {
   void UseAudioDescriptor(int fd) { options_.audio_fd = fd; }
 
   void Start() {
+    // Asked before the PCM thread runs: its resets replace what these read.
+    vad_resets_ = options_.manual_realtime && backends_.vad != nullptr && backends_.vad->IsReady();
+    online_resets_ = backends_.online != nullptr && backends_.online->IsReady();
     command_thread_ = std::thread([this] {
       CommandLoopOnDescriptor(command_read_, options_, backends_.decoder, backends_.punc, nullptr,
                               nullptr, &emitter_, &state_, &audio_);
@@ -135,6 +140,20 @@ class LiveHarness {
   }
 
   void Command(const std::string& line) { WriteAll(command_write_, line + "\n"); }
+
+  // Sends "start" and waits until the PCM thread has taken up every request it
+  // raises that this session consumes: the drop of the reader's carry-over and
+  // the capture reset always, the VAD and streaming resets when those run. The
+  // requests may straddle two passes, and audio written before the carry-over
+  // drop may be cut by it.
+  bool StartCaptureAndWait(uint64_t seq) {
+    Command("start");
+    return WaitUntil([&] {
+      return state_.reset_applied_seq.load() == seq && !state_.pending_pcm_clear.load() &&
+             !(vad_resets_ && state_.pending_vad_reset.load()) &&
+             !(online_resets_ && state_.pending_online_reset.load());
+    });
+  }
   void CloseCommands() {
     close(command_write_);
     command_write_ = -1;
@@ -265,6 +284,8 @@ class LiveHarness {
   int audio_write_ = -1;
   std::thread command_thread_;
   std::thread pcm_thread_;
+  bool vad_resets_ = false;
+  bool online_resets_ = false;
   bool threads_started_ = false;
 };
 

@@ -43,19 +43,6 @@ struct RealtimeModels {
   std::unique_ptr<VadBackend> vad;
 };
 
-// "start", then waits until the PCM thread has applied its resets. "start"
-// raises the online request before the session request, and the PCM thread
-// takes the online request last in the same pass, so once the session reset is
-// in and the online request is gone every reset has been applied.
-void StartCapture(LiveHarness* harness, uint64_t seq) {
-  harness->Command("start");
-  ASSERT_TRUE(LiveHarness::WaitUntil([&] {
-    return harness->state().reset_applied_seq.load() == seq &&
-           !harness->state().pending_online_reset.load() &&
-           !harness->state().pending_pcm_clear.load();
-  }));
-}
-
 // Writes the audio, padded with silence to whole 0.1 s chunks (a partial chunk
 // waits in the reader for more bytes), and waits until the PCM thread has read
 // all of it.
@@ -107,7 +94,7 @@ TEST(PcmLoop, ManualRealtimeClosesEachVadSegmentAndDecodesItInTheSecondPass) {
   RealtimeModels models;
   LiveHarness harness(ManualRealtimeOptions(), models.backends());
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   const std::vector<float> speech = ShortSpeech();
   FeedAll(&harness, Join(Join(Join(speech, SilenceSeconds(1.0)), speech), SilenceSeconds(1.0)));
   StopAndSettle(&harness);
@@ -153,7 +140,7 @@ TEST(PcmLoop, StopFlushesTheOpenSegmentAndForcesTheLastBatch) {
   RealtimeModels models;
   LiveHarness harness(options, models.backends());
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   const std::vector<float> speech = ShortSpeech();
   // The second utterance is still open when "stop" arrives.
   FeedAll(&harness, Join(Join(speech, SilenceSeconds(1.0)), speech));
@@ -197,7 +184,7 @@ TEST(PcmLoop, ParaformerStreamEmitsItsHeldBackTailWhenFinishedAtStop) {
   RealtimeModels models(StreamingModel::kParaformerStub);
   LiveHarness harness(options, models.backends());
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   FeedAll(&harness, ShortSpeech());
   const size_t before_stop = harness.Lines().size();
   StopAndSettle(&harness);
@@ -229,7 +216,7 @@ TEST(PcmLoop, PartialThatDoesNotChangeBetweenChunksIsEmittedOnce) {
   RealtimeModels models(StreamingModel::kParaformerStub);
   LiveHarness harness(options, models.backends());
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   const std::vector<float> speech = ShortSpeech();
   FeedAll(&harness, speech);
   QuitAndJoin(&harness);
@@ -244,11 +231,11 @@ TEST(PcmLoop, StartDuringACaptureAppliesEveryResetBetweenTwoChunks) {
   RealtimeModels models;
   LiveHarness harness(ManualRealtimeOptions(), models.backends());
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   const std::vector<float> speech = ShortSpeech();
   FeedAll(&harness, std::vector<float>(speech.begin(), speech.begin() + 24000));
   const size_t before_restart = harness.Lines().size();
-  StartCapture(&harness, 2);
+  ASSERT_TRUE(harness.StartCaptureAndWait(2));
   FeedAll(&harness, speech);
   QuitAndJoin(&harness);
   const std::vector<std::string> lines = harness.Lines();
@@ -284,7 +271,7 @@ TEST(PcmLoop, SecondPassEveryZeroEmitsFirstPassResultsOnlyAndSaysSoOnce) {
   RealtimeModels models;
   LiveHarness harness(options, models.backends());
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   const std::vector<float> speech = ShortSpeech();
   FeedAll(&harness, Join(Join(Join(speech, SilenceSeconds(1.0)), speech), SilenceSeconds(1.0)));
   QuitAndJoin(&harness);
@@ -323,7 +310,7 @@ TEST(PcmLoop, ChunkDurationOfTenMillisecondsReadsChunksOf320Samples) {
   options.chunk_duration = 0.01;
   LiveHarness harness(options, {});
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   FeedAll(&harness, SilenceSeconds(0.1));
   QuitAndJoin(&harness);
   EXPECT_GE(IndexOfLine(harness.Lines(),
@@ -366,7 +353,7 @@ TEST(PcmLoop, ManualRealtimeWithoutAVadBuffersAndDecodesTheCaptureAtStop) {
   auto decoder = LoadTrainedDecoder();
   LiveHarness harness(ManualRealtimeOptions(), {nullptr, decoder.get(), nullptr, nullptr});
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   FeedAll(&harness, ShortSpeech());
   StopAndSettle(&harness);
   QuitAndJoin(&harness);
@@ -390,7 +377,7 @@ TEST(PcmLoop, ManualModeStopDecodesTheCaptureOnTheCommandThread) {
   auto decoder = LoadTrainedDecoder();
   LiveHarness harness(options, {nullptr, decoder.get(), nullptr, nullptr});
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   FeedAll(&harness, ShortSpeech());
   harness.Command("stop");
   const int result = harness.WaitForLine(IsResult);
@@ -409,7 +396,7 @@ TEST(PcmLoop, Offline2passStopDecodesTheWholeCaptureAfterThePipeDrains) {
   RealtimeModels models;
   LiveHarness harness(options, models.backends());
   harness.Start();
-  StartCapture(&harness, 1);
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   const std::vector<float> speech = ShortSpeech();
   ASSERT_TRUE(harness.WriteAudio(Join(Join(speech, SilenceSeconds(1.0)), speech)));
   // No waiting for the audio to be read: "stop" itself waits for the pipe to drain.

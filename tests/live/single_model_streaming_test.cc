@@ -40,11 +40,7 @@ SingleModelRun RunCapture(const Options& options, OfflineDecoderBackend* decoder
   auto vad = LoadVad();
   LiveHarness harness(options, {nullptr, decoder, nullptr, vad.get()});
   harness.Start();
-  harness.Command("start");
-  EXPECT_TRUE(LiveHarness::WaitUntil([&] {
-    return harness.state().reset_applied_seq.load() == 1 &&
-           !harness.state().pending_vad_reset.load() && !harness.state().pending_pcm_clear.load();
-  }));
+  EXPECT_TRUE(harness.StartCaptureAndWait(1));
   auto feed = [&](std::vector<float> samples) {
     samples.resize((samples.size() + 1599) / 1600 * 1600, 0.0f);
     const uint64_t target = harness.state().total_samples.load() + samples.size();
@@ -203,8 +199,7 @@ TEST(SingleModelStreaming, CommittedResultsCarryRawRecognizerTextWithoutPunctuat
   auto vad = LoadVad();
   LiveHarness harness(SingleModelOptions(), {nullptr, decoder.get(), punc.get(), vad.get()});
   harness.Start();
-  harness.Command("start");
-  ASSERT_TRUE(LiveHarness::WaitUntil([&] { return harness.state().reset_applied_seq.load() == 1; }));
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
   std::vector<float> audio = Join(LongSpeech(), SilenceSeconds(1.5));
   audio.resize((audio.size() + 1599) / 1600 * 1600, 0.0f);
   ASSERT_TRUE(harness.WriteAudio(audio));
