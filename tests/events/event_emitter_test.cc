@@ -62,11 +62,19 @@ TEST(EventEmitter, ErrorWithQuoteAndLineFeedIsEscapedOnOneLine) {
   EXPECT_EQ(capture.Release(), "{\"message\":\"a\\\"b\\n\",\"type\":\"error\"}\n");
 }
 
-TEST(EventEmitter, ControlBytesOtherThanTabLineFeedReturnPassRaw) {
+TEST(EventEmitter, OtherControlBytesAreWrittenAsUnicodeEscapes) {
   EventEmitter emitter;
   StdoutCapture capture;
   emitter.EmitLog(std::string("x\x01y\x7Fz"));
-  EXPECT_EQ(capture.Release(), std::string("{\"message\":\"x\x01y\x7Fz\",\"type\":\"log\"}\n"));
+  // DEL is legal raw inside a JSON string; only bytes below 0x20 are not.
+  EXPECT_EQ(capture.Release(), std::string("{\"message\":\"x\\u0001y\x7Fz\",\"type\":\"log\"}\n"));
+}
+
+TEST(EventEmitter, InvalidUtf8InAMessageBecomesReplacementCharacter) {
+  EventEmitter emitter;
+  StdoutCapture capture;
+  emitter.EmitError(std::string("bad \xFF name"));
+  EXPECT_EQ(capture.Release(), "{\"message\":\"bad \xEF\xBF\xBD name\",\"type\":\"error\"}\n");
 }
 
 TEST(EventEmitter, ChineseTextIsWrittenAsRawUtf8) {
@@ -130,7 +138,7 @@ TEST(EventEmitter, RawJsonIsWrittenVerbatimWithOneNewline) {
 TEST(EventEmitter, EscapeJsonIsJsonEscape) {
   const std::string text = std::string("\t\n\r\"\\\x01\x7F") + "é";
   EXPECT_EQ(EventEmitter::EscapeJson(text), JsonEscape(text));
-  EXPECT_EQ(EventEmitter::EscapeJson(text), std::string("\\t\\n\\r\\\"\\\\\x01\x7F") + "é");
+  EXPECT_EQ(EventEmitter::EscapeJson(text), std::string("\\t\\n\\r\\\"\\\\\\u0001\x7F") + "é");
 }
 
 TEST(EventEmitter, TwoThreadsOfTenThousandLinesNeverTear) {

@@ -25,10 +25,10 @@ TEST(JsonEscape, EscapesExactlyFiveBytes) {
   EXPECT_EQ(JsonEscape("a\tb\nc\rd\"e\\f"), "a\\tb\\nc\\rd\\\"e\\\\f");
 }
 
-TEST(JsonEscape, OtherControlBytesAndUtf8PassRaw) {
+TEST(JsonEscape, OtherControlBytesAreEscapedAndUtf8PassesRaw) {
   EXPECT_EQ(JsonEscape(std::string("\x01\x1F\x7F", 3) + "中文"),
-            std::string("\x01\x1F\x7F", 3) + "中文");
-  EXPECT_EQ(JsonEscape(std::string("a\0b", 3)), std::string("a\0b", 3));
+            std::string("\\u0001\\u001f\x7F") + "中文");
+  EXPECT_EQ(JsonEscape(std::string("a\0b", 3)), "a\\u0000b");
 }
 
 TEST(JsonEscape, EmptyTextStaysEmpty) { EXPECT_EQ(JsonEscape(""), ""); }
