@@ -1,9 +1,10 @@
 #include "audio/pcm_file_reader.h"
 
-#include <cstdint>
 #include <fstream>
+#include <new>
+#include <stdexcept>
 
-#include "audio/sample_convert.h"
+#include "audio/block_sample_reader.h"
 
 namespace kerrow {
 
@@ -14,38 +15,68 @@ bool Fail(const std::string& message, std::string* error) {
   return false;
 }
 
+bool EncodingNamed(const std::string& format, SampleEncoding* encoding) {
+  if (format == "s16le") {
+    *encoding = SampleEncoding::kS16le;
+    return true;
+  }
+  if (format == "f32le") {
+    *encoding = SampleEncoding::kF32le;
+    return true;
+  }
+  return false;
+}
+
+bool ReadPcm(std::istream& in, const std::string& name, const std::string& format, uint64_t size_hint,
+             std::vector<float>* samples, std::string* error) {
+  SampleEncoding encoding = SampleEncoding::kS16le;
+  const bool known_format = EncodingNamed(format, &encoding);
+  bool failed = false;
+  uint64_t bytes = 0;
+  std::string tail;
+  if (known_format) {
+    samples->reserve(static_cast<size_t>(size_hint / BytesPerSample(encoding)));
+    SampleAppender appender(encoding, samples);
+    bytes = ReadSampleBlocks(in, kToEndOfStream, &appender, &failed);
+    tail = appender.tail();
+  } else {
+    // The file is still read to its end: an empty or unreadable file is reported
+    // as such whatever format was asked for.
+    bytes = DiscardBytes(in, kToEndOfStream, &failed);
+  }
+  if (failed) return Fail("Failed to read PCM file: " + name, error);
+  if (bytes == 0) return Fail("PCM file is empty: " + name, error);
+  if (!known_format) return Fail("Unsupported PCM format: " + format, error);
+  if (!tail.empty()) {
+    return Fail(encoding == SampleEncoding::kS16le ? "PCM s16le byte length must be aligned to 2 bytes"
+                                                   : "PCM f32le byte length must be aligned to 4 bytes",
+                error);
+  }
+  return true;
+}
+
 }  // namespace
+
+bool ReadPcmMonoFromStream(std::istream& in, const std::string& name, const std::string& format,
+                           uint64_t size_hint, std::vector<float>* samples, std::string* error) {
+  if (samples == nullptr || error == nullptr) return false;
+  samples->clear();
+  try {
+    return ReadPcm(in, name, format, size_hint, samples, error);
+  } catch (const std::bad_alloc&) {
+  } catch (const std::length_error&) {
+  }
+  std::vector<float>().swap(*samples);
+  return Fail("Out of memory reading PCM file: " + name, error);
+}
 
 bool ReadPcmMono(const std::string& path, const std::string& format, std::vector<float>* samples,
                  std::string* error) {
   if (samples == nullptr || error == nullptr) return false;
   samples->clear();
-
   std::ifstream in(path, std::ios::binary);
   if (!in) return Fail("PCM file not found: " + path, error);
-  in.seekg(0, std::ios::end);
-  const std::streamoff size = in.tellg();
-  if (size <= 0) return Fail("PCM file is empty: " + path, error);
-  in.seekg(0, std::ios::beg);
-  std::vector<char> bytes(static_cast<size_t>(size), '\0');
-  in.read(bytes.data(), size);
-  if (in.gcount() != size) return Fail("Failed to read PCM file: " + path, error);
-
-  // The format is judged only after the file was read, so an empty or unreadable
-  // file is reported as such whatever format was asked for.
-  const uint8_t* raw = reinterpret_cast<const uint8_t*>(bytes.data());
-  if (format == "s16le") {
-    if (bytes.size() % 2 != 0) return Fail("PCM s16le byte length must be aligned to 2 bytes", error);
-    samples->resize(bytes.size() / 2);
-    S16leToFloat(raw, samples->size(), samples->data());
-  } else if (format == "f32le") {
-    if (bytes.size() % 4 != 0) return Fail("PCM f32le byte length must be aligned to 4 bytes", error);
-    samples->resize(bytes.size() / 4);
-    F32leToFloat(raw, samples->size(), samples->data());
-  } else {
-    return Fail("Unsupported PCM format: " + format, error);
-  }
-  return true;
+  return ReadPcmMonoFromStream(in, path, format, RegularFileSizeOrZero(path), samples, error);
 }
 
 }  // namespace kerrow

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "audio/fifo_feeder.h"
 #include "audio/wav_bytes.h"
 #include "support/kerrow_process.h"
 
@@ -71,6 +73,58 @@ TEST_F(PcmFileReaderTest, NullOutputsFailWithoutTouchingAnything) {
   std::string error = "untouched";
   EXPECT_FALSE(ReadPcmMono(dir_.File("x"), "s16le", nullptr, &error));
   EXPECT_EQ(error, "untouched");
+}
+
+TEST_F(PcmFileReaderTest, FifoReadsLikeTheSameBytesInAFile) {
+  const std::string fifo = dir_.File("input.fifo");
+  {
+    testing::FifoFeeder feeder(fifo, testing::S16Samples({0x4000, 0x8000}));
+    ASSERT_TRUE(ReadPcmMono(fifo, "s16le", &samples_, &error_)) << error_;
+  }
+  EXPECT_EQ(samples_, (std::vector<float>{0.5f, -1.0f}));
+}
+
+TEST_F(PcmFileReaderTest, EmptyFifoIsEmpty) {
+  const std::string fifo = dir_.File("input.fifo");
+  {
+    testing::FifoFeeder feeder(fifo, "");
+    EXPECT_FALSE(ReadPcmMono(fifo, "f32le", &samples_, &error_));
+  }
+  EXPECT_EQ(error_, "PCM file is empty: " + fifo);
+}
+
+TEST_F(PcmFileReaderTest, MisalignedFifoFailsAlignment) {
+  const std::string fifo = dir_.File("input.fifo");
+  {
+    testing::FifoFeeder feeder(fifo, "abcde");
+    EXPECT_FALSE(ReadPcmMono(fifo, "f32le", &samples_, &error_));
+  }
+  EXPECT_EQ(error_, "PCM f32le byte length must be aligned to 4 bytes");
+}
+
+TEST_F(PcmFileReaderTest, DirectoryCannotBeRead) {
+  EXPECT_FALSE(ReadPcmMono(dir_.path(), "s16le", &samples_, &error_));
+  EXPECT_EQ(error_, "Failed to read PCM file: " + dir_.path());
+}
+
+TEST_F(PcmFileReaderTest, DataOfManyBlocksMatchesSampleBySample) {
+  std::vector<float> values;
+  for (int i = 0; i < 70001; ++i) values.push_back(static_cast<float>(i) * 0.001f - 3.0f);
+  std::string bytes(values.size() * 4, '\0');
+  std::memcpy(&bytes[0], values.data(), bytes.size());
+  ASSERT_TRUE(Read(bytes, "f32le")) << error_;
+  EXPECT_EQ(samples_, values);
+}
+
+TEST(PcmFileReader, ReadsFromAnyStreamNamingItInMessages) {
+  std::istringstream in(std::string("\x00\x40", 2));
+  std::vector<float> samples;
+  std::string error;
+  ASSERT_TRUE(ReadPcmMonoFromStream(in, "stdin", "s16le", 0, &samples, &error)) << error;
+  EXPECT_EQ(samples, (std::vector<float>{0.5f}));
+  std::istringstream empty("");
+  EXPECT_FALSE(ReadPcmMonoFromStream(empty, "stdin", "s16le", 0, &samples, &error));
+  EXPECT_EQ(error, "PCM file is empty: stdin");
 }
 
 }  // namespace

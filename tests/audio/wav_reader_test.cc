@@ -5,9 +5,11 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "audio/fifo_feeder.h"
 #include "audio/wav_bytes.h"
 #include "support/kerrow_process.h"
 
@@ -200,6 +202,114 @@ TEST_F(WavReaderTest, SuccessLeavesErrorUntouchedAndReplacesOldSamples) {
   ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", S16Samples({0}))})));
   EXPECT_EQ(error_, "previous");
   EXPECT_EQ(samples_, (std::vector<float>{0.0f}));
+}
+
+TEST_F(WavReaderTest, FifoReadsLikeTheSameBytesInAFile) {
+  const std::string bytes =
+      Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("LIST", "INFOabc"), Chunk("data", S16Samples({0x4000, 0xC000}))});
+  const std::string fifo = dir_.File("input.fifo");
+  {
+    testing::FifoFeeder feeder(fifo, bytes);
+    ASSERT_TRUE(ReadWavMono(fifo, 16000, &samples_, &error_)) << error_;
+  }
+  EXPECT_EQ(samples_, (std::vector<float>{0.5f, -0.5f}));
+}
+
+TEST_F(WavReaderTest, FifoWithTruncatedDataChunkFails) {
+  const std::string bytes = Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16))}) + "data" + Le32(1000) + S16Samples({1});
+  const std::string fifo = dir_.File("input.fifo");
+  {
+    testing::FifoFeeder feeder(fifo, bytes);
+    EXPECT_FALSE(ReadWavMono(fifo, 16000, &samples_, &error_));
+  }
+  EXPECT_EQ(error_, "Invalid WAV data chunk");
+}
+
+TEST_F(WavReaderTest, UnknownDataSizeOfStreamingWritersRunsToTheEndOfTheFile) {
+  const std::string bytes = Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16))}) + "data" + Le32(0xFFFFFFFFu) +
+                            S16Samples({0x4000, 0x2000, 0xC000}) + "\x01";
+  ASSERT_TRUE(Read(bytes)) << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.5f, 0.25f, -0.5f}));
+}
+
+TEST_F(WavReaderTest, UnknownDataSizeThroughAFifoRunsToTheEndOfTheStream) {
+  const std::string bytes =
+      Riff({Chunk("fmt ", FmtBody(3, 1, 16000, 32))}) + "data" + Le32(0xFFFFFFFFu) + Float32Samples({0.75f, -0.125f});
+  const std::string fifo = dir_.File("input.fifo");
+  {
+    testing::FifoFeeder feeder(fifo, bytes);
+    ASSERT_TRUE(ReadWavMono(fifo, 16000, &samples_, &error_)) << error_;
+  }
+  EXPECT_EQ(samples_, (std::vector<float>{0.75f, -0.125f}));
+}
+
+TEST_F(WavReaderTest, UnknownDataSizeWithNothingAfterItHasNoData) {
+  EXPECT_FALSE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16))}) + "data" + Le32(0xFFFFFFFFu)));
+  EXPECT_EQ(error_, "WAV has no data");
+}
+
+TEST_F(WavReaderTest, OddSizedDataChunkEndingTheFileWithoutItsPadByteReads) {
+  const std::string bytes = Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16))}) + "data" + Le32(3) + S16Samples({0x4000}) + "\x7F";
+  ASSERT_TRUE(Read(bytes)) << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.5f}));
+}
+
+TEST_F(WavReaderTest, OddSizedDataChunkIsFollowedByItsPadByteAndMoreChunks) {
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", S16Samples({0x2000}) + "\x55"),
+                         Chunk("LIST", "INFO"), Chunk("junk", "xyz")})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.25f}));
+}
+
+TEST_F(WavReaderTest, FloatDataBeforeItsFmtChunkIsStillUsed) {
+  ASSERT_TRUE(Read(Riff({Chunk("data", Float32Samples({0.375f, -1.5f})), Chunk("fmt ", FmtBody(3, 1, 16000, 32))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.375f, -1.5f}));
+}
+
+TEST_F(WavReaderTest, LaterFmtChunkReinterpretsDataReadUnderAnEarlierOne) {
+  // The data is read as 16-bit under the first fmt chunk; the second one says
+  // float, and wins, as it would had the data been read last.
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", Float32Samples({0.5f, -2.0f}) + "\x01\x02"),
+                         Chunk("fmt ", FmtBody(3, 1, 16000, 32))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.5f, -2.0f}));
+}
+
+TEST_F(WavReaderTest, LaterFmtChunkTurnsFloatDataBackIntoSixteenBitSamples) {
+  const std::string five_samples = S16Samples({0x4000, 0xC000, 0x2000, 0xE000, 0x1000});
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(3, 1, 16000, 32)), Chunk("data", five_samples),
+                         Chunk("fmt ", FmtBody(1, 1, 16000, 16))})))
+      << error_;
+  EXPECT_EQ(samples_, (std::vector<float>{0.5f, -0.5f, 0.25f, -0.25f, 0.125f}));
+}
+
+TEST_F(WavReaderTest, DataOfManyBlocksMatchesSampleBySample) {
+  std::string data;
+  std::vector<float> expected;
+  for (int i = 0; i < 100003; ++i) {
+    const uint16_t value = static_cast<uint16_t>(i * 7919);
+    data += Le16(value);
+    expected.push_back(static_cast<float>(static_cast<int16_t>(value)) / 32768.0f);
+  }
+  ASSERT_TRUE(Read(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", data)}))) << error_;
+  EXPECT_EQ(samples_, expected);
+}
+
+TEST(WavReader, ReadsFromAnyStreamWithoutKnowingItsSize) {
+  std::istringstream in(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", S16Samples({0x8000}))}));
+  std::vector<float> samples;
+  std::string error;
+  ASSERT_TRUE(ReadWavMonoFromStream(in, 16000, 0, &samples, &error)) << error;
+  EXPECT_EQ(samples, (std::vector<float>{-1.0f}));
+}
+
+TEST(WavReader, SizeHintSmallerThanTheStreamDoesNotCutTheData) {
+  std::istringstream in(Riff({Chunk("fmt ", FmtBody(1, 1, 16000, 16)), Chunk("data", S16Samples({0x4000, 0x4000}))}));
+  std::vector<float> samples;
+  std::string error;
+  ASSERT_TRUE(ReadWavMonoFromStream(in, 16000, 10, &samples, &error)) << error;
+  EXPECT_EQ(samples, (std::vector<float>{0.5f, 0.5f}));
 }
 
 TEST(WavReader, BundledRecordingMatchesIndependentReader) {
