@@ -13,12 +13,8 @@ std::unique_ptr<DiarizationBackend> Fail(std::string* error,
 
 }  // namespace
 
-// Neither implementation is part of this build yet; each factory answers null
-// so that a request for it is refused with a clear message.
-std::unique_ptr<DiarizationBackend> MakeSherpaOnnxDiarizationBackend() {
-  return nullptr;
-}
-
+// The helper-process backend is not part of this build yet; its factory
+// answers null so that a request for it is refused with a clear message.
 std::unique_ptr<DiarizationBackend> MakeFluidAudioDiarizationBackend() {
   return nullptr;
 }

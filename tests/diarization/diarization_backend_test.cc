@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "support/kerrow_process.h"
+
 namespace kerrow {
 namespace {
 
@@ -12,9 +14,6 @@ namespace {
 constexpr char kFluidAudioNotBuilt[] =
     "fluidaudio backend was requested via --diarization-helper-binary but is not "
     "compiled into this binary";
-constexpr char kSherpaOnnxNotBuilt[] =
-    "sherpa-onnx backend was requested via --diarization-segmentation-model / "
-    "--diarization-embedding-model but is not compiled into this binary";
 constexpr char kNothingSelected[] =
     "no diarization backend selected: pass either --diarization-helper-binary (fluidaudio) "
     "or --diarization-segmentation-model + --diarization-embedding-model (sherpa-onnx)";
@@ -29,12 +28,15 @@ TEST(CreateDiarizationBackend, HelperBinaryWinsOverModelPaths) {
   EXPECT_EQ(error, kFluidAudioNotBuilt);
 }
 
+// The sherpa-onnx backend's Init then looks for the other model, which the
+// empty model directory cannot provide: its message shows which backend ran.
 TEST(CreateDiarizationBackend, EmbeddingModelAloneSelectsSherpaOnnx) {
   DiarizationInitOptions options;
   options.embedding_model = "/models/embedding.onnx";
   std::string error;
   EXPECT_EQ(CreateDiarizationBackend(options, &error), nullptr);
-  EXPECT_EQ(error, kSherpaOnnxNotBuilt);
+  EXPECT_EQ(error,
+            "sherpa-onnx backend init failed: Diarization segmentation model not found in ");
 }
 
 TEST(CreateDiarizationBackend, SegmentationModelAloneSelectsSherpaOnnx) {
@@ -42,7 +44,29 @@ TEST(CreateDiarizationBackend, SegmentationModelAloneSelectsSherpaOnnx) {
   options.segmentation_model = "/models/segmentation.onnx";
   std::string error;
   EXPECT_EQ(CreateDiarizationBackend(options, &error), nullptr);
-  EXPECT_EQ(error, kSherpaOnnxNotBuilt);
+  EXPECT_EQ(error,
+            "sherpa-onnx backend init failed: Diarization embedding model not found in ");
+}
+
+TEST(CreateDiarizationBackend, BothRealModelsGiveAReadySherpaOnnxBackend) {
+  DiarizationInitOptions options;
+  options.segmentation_model = testing::ModelPath("trained/segmentation-3spk/model.onnx");
+  options.embedding_model = testing::ModelPath("trained/speaker-embedding/model.onnx");
+  std::string error;
+  const auto backend = CreateDiarizationBackend(options, &error);
+  ASSERT_NE(backend, nullptr) << error;
+  EXPECT_TRUE(backend->IsReady());
+}
+
+TEST(CreateDiarizationBackend, FailedInitIsNamedAfterTheBackend) {
+  DiarizationInitOptions options;
+  options.segmentation_model = "/nonexistent/segmentation.onnx";
+  options.embedding_model = testing::ModelPath("trained/speaker-embedding/model.onnx");
+  std::string error;
+  EXPECT_EQ(CreateDiarizationBackend(options, &error), nullptr);
+  EXPECT_EQ(error,
+            "sherpa-onnx backend init failed: model file not found: "
+            "/nonexistent/segmentation.onnx");
 }
 
 TEST(CreateDiarizationBackend, ModelDirectoryAloneSelectsNothing) {
@@ -70,8 +94,13 @@ TEST(DiarizationInitOptions, DefaultsMatchTheCommandLineDefaults) {
   EXPECT_TRUE(options.helper_binary.empty());
 }
 
+TEST(MakeDiarizationBackends, SherpaOnnxBackendIsBuiltInAndStartsUninitialised) {
+  const auto backend = MakeSherpaOnnxDiarizationBackend();
+  ASSERT_NE(backend, nullptr);
+  EXPECT_FALSE(backend->IsReady());
+}
+
 TEST(MakeDiarizationBackends, ReturnNullWhileNotBuiltIn) {
-  EXPECT_EQ(MakeSherpaOnnxDiarizationBackend(), nullptr);
   EXPECT_EQ(MakeFluidAudioDiarizationBackend(), nullptr);
 }
 
