@@ -7,7 +7,10 @@
 #include "engine/punc_backend.h"
 #include "events/event_emitter.h"
 #include "events/transcript_records.h"
+#include "text/in_word_marks.h"
+#include "text/piece_join.h"
 #include "text/utf8_punc.h"
+#include "text/word_chars.h"
 
 namespace kerrow {
 namespace {
@@ -20,53 +23,8 @@ void LogLine(EventEmitter* emitter, const std::string& message) {
   if (emitter != nullptr) emitter->EmitLog(message);
 }
 
-bool IsBlankToken(const std::string& token) {
-  return token.size() == 1 &&
-         std::isspace(static_cast<unsigned char>(token[0])) != 0;
-}
-
-// The words of a text as the repair compares them: its non-punctuation
-// characters without white space (the library drops the blank after a
-// full-width mark), each with its byte offset in the text.
-struct WordChars {
-  std::vector<std::string> chars;
-  std::vector<size_t> offsets;
-};
-
-WordChars CollectWordChars(const std::string& text) {
-  std::vector<std::string> tokens;
-  std::vector<size_t> positions;
-  CollectPlainTokens(text, &tokens, &positions);
-  WordChars result;
-  for (size_t i = 0; i < tokens.size(); ++i) {
-    if (IsBlankToken(tokens[i])) continue;
-    result.chars.push_back(tokens[i]);
-    result.offsets.push_back(positions[i]);
-  }
-  return result;
-}
-
-bool IsPrefixOf(const std::vector<std::string>& prefix,
-                const std::vector<std::string>& whole) {
-  if (prefix.size() > whole.size()) return false;
-  for (size_t i = 0; i < prefix.size(); ++i) {
-    if (prefix[i] != whole[i]) return false;
-  }
-  return true;
-}
-
 bool IsAsciiAlnum(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0;
-}
-
-// Appends a piece the way the library spaces its own output: a blank only
-// between two ASCII words.
-void AppendPiece(const std::string& piece, std::string* text) {
-  if (!text->empty() && !piece.empty() && IsAsciiAlnum(text->back()) &&
-      IsAsciiAlnum(piece.front())) {
-    text->push_back(' ');
-  }
-  text->append(piece);
 }
 
 // The text the punctuation model is given: the text without its punctuation,
@@ -104,20 +62,20 @@ TailFate AppendLostTail(PuncBackend* punc, std::string tail,
   while (!tail.empty()) {
     std::string output;
     if (!punc->AddPunctuation(tail, &output, nullptr)) {
-      AppendPiece(tail, text);
+      AppendTextPiece(tail, text);
       return TailFate::kLeftPlain;
     }
     const WordChars want = CollectWordChars(tail);
     const WordChars got = CollectWordChars(output);
     if (got.chars == want.chars) {
-      AppendPiece(output, text);
+      AppendTextPiece(output, text);
       return fate;
     }
     if (got.chars.empty() || !IsPrefixOf(got.chars, want.chars)) {
-      AppendPiece(tail, text);
+      AppendTextPiece(tail, text);
       return TailFate::kLeftPlain;
     }
-    AppendPiece(output, text);
+    AppendTextPiece(output, text);
     tail = tail.substr(want.offsets[got.chars.size()]);
   }
   return fate;
@@ -178,7 +136,7 @@ std::string RefineTextWithPunc(PuncBackend* punc, EventEmitter* emitter,
     LogLine(emitter, "Punctuation refine failed: " + error);
     return text;
   }
-  return punctuated;
+  return RestoreInWordMarks(text, punctuated);
 }
 
 std::string RefineRealtimeTextWithPunc(PuncBackend* punc,
@@ -211,6 +169,7 @@ std::string ApplyRealtimePunc(PuncBackend* punc, EventEmitter* emitter,
 
   std::string result =
       ctx.empty() ? punctuated : ExtractTailByPlain(punctuated, plain, text);
+  result = RestoreInWordMarks(text, result);
   result = is_final ? EnsureTerminalPunc(result) : StripTerminalPunc(result);
 
   if (context != nullptr) {
@@ -268,6 +227,7 @@ void EmitPunctuatedForPartial(PuncBackend* punc, EventEmitter* emitter,
                      "): " + error);
     return;
   }
+  punctuated = RestoreInWordMarks(text, punctuated);
   if (!HasContentText(punctuated)) return;
   emitter->EmitRawJson(
       BuildPunctuatedEventJson(segment_id, punctuated, session_id));

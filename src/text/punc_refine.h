@@ -9,7 +9,8 @@ class EventEmitter;
 class PuncBackend;
 
 // Punctuates a whole text: its own marks are stripped, the model adds new
-// ones. Without a ready model, for punctuation-only text, or when the model
+// ones, and the marks inside words ("don't") are put back (RestoreInWordMarks),
+// so no word changes. Without a ready model, for punctuation-only text, or when the model
 // fails, the text comes back unchanged.
 std::string RefineTextWithPunc(PuncBackend* punc, EventEmitter* emitter,
                                const std::string& text);

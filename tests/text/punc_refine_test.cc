@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "engine/punc_backend.h"
 #include "events/event_emitter.h"
 #include "offline/stdout_capture.h"
+#include "text/utf8_punc.h"
 
 namespace kerrow {
 namespace {
@@ -243,6 +245,62 @@ TEST(EmitPunctuatedForPartial, NothingWithoutModelOrText) {
   EmitPunctuatedForPartial(Stub(), &emitter, 1, "", -1);
   EmitPunctuatedForPartial(Stub(), nullptr, 1, "hello", -1);
   EXPECT_TRUE(capture.Stop().empty());
+}
+
+}  // namespace
+}  // namespace kerrow
+
+namespace kerrow {
+namespace {
+
+const char kApostropheText[] = "i don't know what it's like but it's fine with me";
+
+// Every word of the input, apostrophes included, in order, whatever marks the
+// model put between them.
+void ExpectSameWordsAsApostropheText(const std::string& punctuated) {
+  std::string words;
+  bool in_word = false;
+  for (const char c : punctuated) {
+    const bool word_char = std::isalpha(static_cast<unsigned char>(c)) != 0 || c == '\'';
+    if (word_char && !in_word && !words.empty()) words += ' ';
+    if (word_char) words += c;
+    in_word = word_char;
+  }
+  EXPECT_EQ(words, kApostropheText) << punctuated;
+}
+
+TEST(RefineTextWithPunc, ApostropheInsideAWordSurvivesTheTrainedModel) {
+  const std::string refined = RefineTextWithPunc(Trained(), nullptr, kApostropheText);
+  EXPECT_NE(refined.find("don't"), std::string::npos) << refined;
+  EXPECT_NE(refined.find("it's like"), std::string::npos) << refined;
+  ExpectSameWordsAsApostropheText(refined);
+}
+
+TEST(RefineRealtimeTextWithPunc, ApostropheSurvivesAndTheSentenceIsClosed) {
+  const std::string refined = RefineRealtimeTextWithPunc(Trained(), nullptr, kApostropheText, true);
+  EXPECT_NE(refined.find("don't"), std::string::npos) << refined;
+  EXPECT_TRUE(EndsWith(refined, "。")) << refined;
+}
+
+TEST(ApplyRealtimePunc, ApostropheSurvivesInTheTailCutFromTheContext) {
+  std::string context = "the weather is nice today";
+  const std::string result =
+      ApplyRealtimePunc(Trained(), nullptr, kApostropheText, &context, 24, false);
+  EXPECT_NE(result.find("don't"), std::string::npos) << result;
+  ExpectSameWordsAsApostropheText(result);
+  // The context stays plain text, as the model is given it.
+  EXPECT_EQ(context.find('\''), std::string::npos) << context;
+}
+
+TEST(EmitPunctuatedForPartial, ApostropheSurvivesInThePunctuatedEvent) {
+  EventEmitter emitter;
+  StdoutCapture capture;
+  EmitPunctuatedForPartial(Trained(), &emitter, 4, kApostropheText, -1);
+  const std::vector<std::string> lines = capture.Stop();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].find("\"type\":\"punctuated\""), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("don't"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("it's fine"), std::string::npos) << lines[0];
 }
 
 }  // namespace
