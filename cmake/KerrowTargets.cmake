@@ -13,7 +13,8 @@ endfunction()
 
 function(kerrow_subsystem name)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/${name}/*.cc)
-  list(FILTER sources EXCLUDE REGEX "/main\\.cc$")
+  # Each executable's main lives beside its subsystem but outside its library.
+  list(FILTER sources EXCLUDE REGEX "/(kerrow_diarize_)?main\\.cc$")
   if(sources)
     add_library(kerrow_${name} OBJECT ${sources})
     kerrow_apply_warnings(kerrow_${name})

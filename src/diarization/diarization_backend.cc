@@ -13,12 +13,6 @@ std::unique_ptr<DiarizationBackend> Fail(std::string* error,
 
 }  // namespace
 
-// The helper-process backend is not part of this build yet; its factory
-// answers null so that a request for it is refused with a clear message.
-std::unique_ptr<DiarizationBackend> MakeFluidAudioDiarizationBackend() {
-  return nullptr;
-}
-
 std::unique_ptr<DiarizationBackend> CreateDiarizationBackend(
     const DiarizationInitOptions& options, std::string* error) {
   std::unique_ptr<DiarizationBackend> backend;
