@@ -1,0 +1,141 @@
+// kerrow-diarize end to end: the real helper executable, started by the real
+// helper-process backend or run directly as the engine runs it, diarizing the
+// bundled conversations with the trained models.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "diarization/fluid_audio_subprocess_backend.h"
+#include "diarization/rttm_turns.h"
+#include "support/kerrow_process.h"
+
+namespace kerrow {
+namespace {
+
+using testing::AudioPath;
+using testing::LabelledSpan;
+using testing::LoadWavForTest;
+using testing::ModelPath;
+using testing::ReadRttm;
+using testing::RunKerrow;
+using testing::ScoreLabelAgreement;
+using testing::TempDir;
+
+// A model directory laid out the way a user would unpack the models: the
+// directory search finds them by their usual names.
+class DiarizationModelDir {
+ public:
+  DiarizationModelDir() {
+    Link("trained/segmentation-3spk/model.onnx", "segmentation-3.1.onnx");
+    Link("trained/speaker-embedding/model.onnx", "wespeaker.onnx");
+  }
+  const std::string& path() const { return dir_.path(); }
+
+ private:
+  void Link(const std::string& model, const std::string& name) {
+    ASSERT_EQ(::symlink(ModelPath(model).c_str(), dir_.File(name).c_str()), 0);
+  }
+  TempDir dir_;
+};
+
+DiarizationInitOptions HelperOptions(const std::string& model_dir) {
+  DiarizationInitOptions options;
+  options.helper_binary = KERROW_DIARIZE_BINARY;
+  options.model = model_dir;
+  return options;
+}
+
+std::vector<LabelledSpan> AsSpans(const std::vector<DiarizationSegment>& turns) {
+  std::vector<LabelledSpan> spans;
+  for (const DiarizationSegment& turn : turns) spans.push_back({turn.start, turn.end, turn.speaker});
+  return spans;
+}
+
+TEST(KerrowDiarize, LabelsEachTurnOfATwoVoiceDialogThroughTheHelperBackend) {
+  DiarizationModelDir models;
+  FluidAudioSubprocessBackend backend;
+  std::string error;
+  ASSERT_TRUE(backend.Init(HelperOptions(models.path()), &error)) << error;
+
+  std::vector<DiarizationSegment> turns;
+  ASSERT_TRUE(backend.Process(LoadWavForTest(AudioPath("espeak-dialog/two-voices-dialog.wav")), 16000,
+                              &turns, &error))
+      << error;
+  const auto agreement =
+      ScoreLabelAgreement(ReadRttm(AudioPath("espeak-dialog/two-voices-dialog.rttm")), AsSpans(turns));
+  EXPECT_TRUE(agreement.voices_get_distinct_labels);
+  EXPECT_GE(agreement.worst_turn_share, 0.8);
+  EXPECT_EQ(agreement.label_of_voice.at("voiceA"), "SPEAKER_00");
+  EXPECT_EQ(agreement.label_of_voice.at("voiceB"), "SPEAKER_01");
+  EXPECT_TRUE(backend.IsReady());
+}
+
+TEST(KerrowDiarize, ServesOneRequestAfterAnother) {
+  DiarizationModelDir models;
+  FluidAudioSubprocessBackend backend;
+  ASSERT_TRUE(backend.Init(HelperOptions(models.path()), nullptr));
+  const std::vector<float> audio = LoadWavForTest(AudioPath("espeak-dialog/a_test.wav"));
+  std::vector<DiarizationSegment> first;
+  std::vector<DiarizationSegment> second;
+  ASSERT_TRUE(backend.Process(audio, 16000, &first, nullptr));
+  ASSERT_TRUE(backend.Process(audio, 16000, &second, nullptr));
+  ASSERT_FALSE(first.empty());
+  ASSERT_EQ(first.size(), second.size());
+  for (const DiarizationSegment& turn : first) EXPECT_EQ(turn.speaker, "SPEAKER_00");
+}
+
+TEST(KerrowDiarize, AnUnknownBackendEndsTheHelperBeforeReady) {
+  DiarizationModelDir models;
+  DiarizationInitOptions options = HelperOptions(models.path());
+  options.backend = "sortformer";
+  FluidAudioSubprocessBackend backend;
+  std::string error;
+  ::testing::internal::CaptureStderr();
+  EXPECT_FALSE(backend.Init(options, &error));
+  const std::string helper_stderr = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(error, "diarization helper exited before READY");
+  EXPECT_EQ(helper_stderr.rfind("kerrow-diarize: unknown backend: sortformer (available: offline)\n", 0), 0u)
+      << helper_stderr;
+}
+
+TEST(KerrowDiarize, ADirectoryWithoutModelsEndsTheHelperBeforeReady) {
+  TempDir empty;
+  FluidAudioSubprocessBackend backend;
+  std::string error;
+  ::testing::internal::CaptureStderr();
+  EXPECT_FALSE(backend.Init(HelperOptions(empty.path()), &error));
+  const std::string helper_stderr = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(error, "diarization helper exited before READY");
+  EXPECT_EQ(helper_stderr, "kerrow-diarize: cannot load the models in " + empty.path() +
+                               ": Diarization segmentation model not found in " + empty.path() + "\n");
+}
+
+TEST(KerrowDiarize, AnswersRequestsItCannotServeWithDoneAndExitsWhenInputEnds) {
+  DiarizationModelDir models;
+  TempDir scratch;
+  const std::string missing = scratch.File("missing.wav");
+  const testing::ProcessResult result =
+      RunKerrow({"--resident", "--model", models.path()},
+                "not json\n\n{\"input\":\"" + missing + "\"}\n", -1, "", std::chrono::seconds(60), "",
+                KERROW_DIARIZE_BINARY);
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.stdout_lines, (std::vector<std::string>{"READY", "DONE", "DONE"}));
+  EXPECT_EQ(result.stderr_text,
+            "kerrow-diarize: bad request: request is not a JSON object\n"
+            "kerrow-diarize: cannot read " + missing + ": WAV file not found: " + missing + "\n");
+}
+
+TEST(KerrowDiarize, RefusesACommandLineWithoutResidentBeforeLoadingAnything) {
+  const testing::ProcessResult result =
+      RunKerrow({"--model", "/nowhere"}, "", -1, "", std::chrono::seconds(30), "", KERROW_DIARIZE_BINARY);
+  EXPECT_EQ(result.exit_status, 2);
+  EXPECT_TRUE(result.stdout_lines.empty());
+  EXPECT_EQ(result.stderr_text.rfind("kerrow-diarize: --resident is required\nusage: kerrow-diarize", 0), 0u)
+      << result.stderr_text;
+}
+
+}  // namespace
+}  // namespace kerrow
