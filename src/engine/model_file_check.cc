@@ -177,6 +177,22 @@ bool CheckSileroVad(const OnnxModelInfo& info, const std::string& path,
   return true;
 }
 
+// The library knows one feature normalisation for embedding models and ends
+// the process on any other name.
+bool CheckSpeakerEmbedding(const OnnxModelInfo& info, const std::string& path,
+                           std::string* error) {
+  const std::string* normalize = info.FindMetadata("feature_normalize_type");
+  if (normalize == nullptr || normalize->empty() ||
+      *normalize == "global-mean") {
+    return true;
+  }
+  SetError(error, "model " + path + " has feature_normalize_type '" +
+                      *normalize +
+                      "', which sherpa-onnx does not support (expected "
+                      "global-mean or none)");
+  return false;
+}
+
 bool CheckFamily(const OnnxModelInfo& info, const std::string& path,
                  ModelFamily family, std::string* error) {
   if (!HasKeys(info, RequiredKeys(family), path, family, error)) return false;
@@ -187,6 +203,8 @@ bool CheckFamily(const OnnxModelInfo& info, const std::string& path,
       return CheckTransducerEncoder(info, path, error);
     case ModelFamily::kSileroVad:
       return CheckSileroVad(info, path, error);
+    case ModelFamily::kSpeakerEmbedding:
+      return CheckSpeakerEmbedding(info, path, error);
     default:
       return true;
   }

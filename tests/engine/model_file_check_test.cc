@@ -217,6 +217,44 @@ TEST(CheckModelFile, EmbeddingModelIsNotASegmentationModel) {
                 "(wrong model family?)");
 }
 
+// An ONNX model is a protobuf message, so one more metadata_props entry
+// (field 14) appended to the file adds a key without touching the rest.
+std::string WithExtraMetadata(const std::string& model_bytes, const std::string& key,
+                              const std::string& value) {
+  auto length_prefixed = [](unsigned char tag, const std::string& bytes) {
+    std::string out(1, static_cast<char>(tag));
+    size_t length = bytes.size();
+    do {
+      unsigned char byte = length & 0x7f;
+      length >>= 7;
+      if (length != 0) byte |= 0x80;
+      out.push_back(static_cast<char>(byte));
+    } while (length != 0);
+    return out + bytes;
+  };
+  const std::string entry = length_prefixed(0x0a, key) + length_prefixed(0x12, value);
+  return model_bytes + length_prefixed(0x72, entry);
+}
+
+TEST(CheckModelFile, EmbeddingModelWithUnknownFeatureNormalisationIsRefused) {
+  TempDir dir;
+  const std::string path = dir.File("embedding.onnx");
+  WriteFileBytes(path, WithExtraMetadata(ReadFileBytes(ModelPath("trained/speaker-embedding/model.onnx")),
+                                         "feature_normalize_type", "per-utterance"));
+  EXPECT_EQ(CheckError(path, ModelFamily::kSpeakerEmbedding),
+            "model " + path +
+                " has feature_normalize_type 'per-utterance', which sherpa-onnx does not "
+                "support (expected global-mean or none)");
+}
+
+TEST(CheckModelFile, EmbeddingModelWithGlobalMeanNormalisationIsAccepted) {
+  TempDir dir;
+  const std::string path = dir.File("embedding.onnx");
+  WriteFileBytes(path, WithExtraMetadata(ReadFileBytes(ModelPath("trained/speaker-embedding/model.onnx")),
+                                         "feature_normalize_type", "global-mean"));
+  ExpectAccepted(path, ModelFamily::kSpeakerEmbedding);
+}
+
 TEST(CheckModelFile, PunctuationModelIsNotASileroVad) {
   const std::string path = ModelPath("stubs/punct/model.onnx");
   EXPECT_EQ(CheckError(path, ModelFamily::kSileroVad),
