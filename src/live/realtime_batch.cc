@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "engine/offline_decoder_backend.h"
 #include "events/event_emitter.h"
 #include "events/segment_result.h"
 #include "events/transcript_records.h"
+#include "offline/windowed_decode.h"
 #include "text/punc_refine.h"
 
 namespace kerrow {
@@ -55,8 +55,10 @@ bool DecodeAndEmitRealtimeBatch(const Options& options, OfflineDecoderBackend* d
   if (audio.empty()) return true;
 
   std::string text;
-  std::string error = "Decoder is not initialized";
-  const bool decoded = decoder != nullptr && decoder->Decode(audio, &text, &error);
+  std::string error;
+  // A batch of long utterances can outgrow Whisper's window; it is decoded in
+  // pieces rather than cut short by the library.
+  const bool decoded = DecodeWithinRecognizerWindow(options, decoder, audio, &text, &error);
   if (!decoded) {
     if (emitter != nullptr) emitter->EmitError("Realtime VAD decode failed: " + error);
     return false;

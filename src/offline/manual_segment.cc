@@ -5,11 +5,11 @@
 #include <utility>
 #include <vector>
 
-#include "engine/offline_decoder_backend.h"
 #include "events/event_emitter.h"
 #include "events/segment_result.h"
 #include "events/transcript_records.h"
 #include "live/shared_state.h"
+#include "offline/windowed_decode.h"
 #include "text/punc_refine.h"
 
 namespace kerrow {
@@ -45,8 +45,7 @@ bool DecodeAndEmitManualSegment(const Options& options,
 
   std::string text;
   std::string error;
-  if (decoder == nullptr || !decoder->Decode(samples, &text, &error)) {
-    if (decoder == nullptr) error = "Decoder is not initialized";
+  if (!DecodeWithinRecognizerWindow(options, decoder, samples, &text, &error)) {
     emitter->EmitError("Second-pass decode failed: " + error);
     return false;
   }

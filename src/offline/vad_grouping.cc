@@ -78,14 +78,9 @@ class PlanBuilder {
         "s span=" + Seconds(group_end_ - group_start_) +
         "s span_max=" + SpanMax());
 
-    if (padded_end > padded_start) {
-      const bool split = limits_.whisper &&
-                         padded_end - padded_start > limits_.max_span_samples;
-      const int64_t step =
-          split ? limits_.max_span_samples : padded_end - padded_start;
-      for (int64_t a = padded_start; a < padded_end; a += step) {
-        Decode({a, std::min(a + step, padded_end)});
-      }
+    for (const SampleSpan& piece :
+         RecognizerWindowPieces(limits_, {padded_start, padded_end})) {
+      Decode(piece);
     }
     group_start_ = -1;
     group_end_ = -1;
@@ -134,16 +129,6 @@ class PlanBuilder {
   int64_t last_end_ = 0;
 };
 
-std::vector<SampleSpan> PiecesCovering(int64_t from, int64_t to,
-                                       int64_t piece_samples) {
-  std::vector<SampleSpan> pieces;
-  const int64_t step = std::max<int64_t>(piece_samples, 1);
-  for (int64_t a = from; a < to; a += step) {
-    pieces.push_back({a, std::min(a + step, to)});
-  }
-  return pieces;
-}
-
 }  // namespace
 
 VadGroupingLimits MakeVadGroupingLimits(const Options& options,
@@ -184,8 +169,8 @@ std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
   if (last_speech_end < limits.total_samples) {
     builder.Log("offline_2pass tail compensation enabled");
     for (const SampleSpan& piece :
-         PiecesCovering(last_speech_end, limits.total_samples,
-                        limits.max_group_samples)) {
+         SplitIntoPieces({last_speech_end, limits.total_samples},
+                         limits.max_group_samples)) {
       segments.push_back(piece);
     }
   }
@@ -196,7 +181,24 @@ std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
 }
 
 std::vector<SampleSpan> ChunkFallbackPieces(const VadGroupingLimits& limits) {
-  return PiecesCovering(0, limits.total_samples, limits.max_group_samples);
+  return SplitIntoPieces({0, limits.total_samples}, limits.max_group_samples);
+}
+
+std::vector<SampleSpan> SplitIntoPieces(const SampleSpan& span,
+                                        int64_t max_piece_samples) {
+  std::vector<SampleSpan> pieces;
+  const int64_t step = std::max<int64_t>(max_piece_samples, 1);
+  for (int64_t a = span.start; a < span.end; a += step) {
+    pieces.push_back({a, std::min(a + step, span.end)});
+  }
+  return pieces;
+}
+
+std::vector<SampleSpan> RecognizerWindowPieces(const VadGroupingLimits& limits,
+                                               const SampleSpan& span) {
+  if (span.end <= span.start) return {};
+  if (!limits.whisper) return {span};
+  return SplitIntoPieces(span, limits.max_span_samples);
 }
 
 }  // namespace kerrow

@@ -57,6 +57,17 @@ std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
 // recording: the decode plan when there is no VAD.
 std::vector<SampleSpan> ChunkFallbackPieces(const VadGroupingLimits& limits);
 
+// Consecutive pieces of at most max_piece_samples (taken as at least 1)
+// covering the span; none for an empty span.
+std::vector<SampleSpan> SplitIntoPieces(const SampleSpan& span,
+                                        int64_t max_piece_samples);
+
+// The pieces in which the second-pass recognizer may decode the span: the
+// span itself, except that Whisper gets consecutive pieces of at most
+// max_span_samples, since the library silently cuts its input at 29.5 s.
+std::vector<SampleSpan> RecognizerWindowPieces(const VadGroupingLimits& limits,
+                                               const SampleSpan& span);
+
 }  // namespace kerrow
 
 #endif  // KERROW_OFFLINE_VAD_GROUPING_H_

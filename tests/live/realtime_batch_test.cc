@@ -184,5 +184,42 @@ TEST(RealtimeBatchFailure, SecondPassEveryZeroNeverDecodes) {
   EXPECT_TRUE(capture.Lines().empty());
 }
 
+// Plays "Hello world, this is a stub café." whatever the audio.
+std::unique_ptr<OfflineDecoderBackend> LoadWhisperStub() {
+  DecoderInitOptions options;
+  options.model_type = "whisper";
+  options.whisper_encoder = ModelPath("stubs/whisper/encoder.onnx");
+  options.whisper_decoder = ModelPath("stubs/whisper/decoder.onnx");
+  options.tokens = ModelPath("stubs/whisper/tokens.txt");
+  auto decoder = std::make_unique<OfflineDecoderBackend>();
+  std::string error;
+  EXPECT_TRUE(decoder->Init(options, &error)) << error;
+  return decoder;
+}
+
+// Two 20 s utterances make a 40 s batch, past the 29.5 s the library would
+// keep of one Whisper decode: it is decoded as a 29 s and an 11 s piece.
+TEST(RealtimeBatchWhisper, BatchLongerThanTheWindowGivesTheTextOfBothPieces) {
+  Options options;
+  options.second_type = "whisper";
+  auto decoder = LoadWhisperStub();
+  EventEmitter emitter;
+  const std::vector<float> audio = SilenceSeconds(40.0);
+  const size_t half = audio.size() / 2;
+  std::string context;
+  StdoutCapture capture;
+  EXPECT_TRUE(DecodeAndEmitRealtimeBatch(
+      options, decoder.get(), nullptr, &emitter,
+      {Slice(audio, 1, 0, half), Slice(audio, 2, half, audio.size() - half)}, false, &context,
+      24, false));
+  capture.Stop();
+  EXPECT_EQ(capture.Lines(),
+            std::vector<std::string>{
+                R"({"type":"result","stage":"second-pass","mode":"offline_final",)"
+                R"("segment_id":2,"segment_start_id":1,"segment_count":2,"segments":[)"
+                R"({"start_time":0.00,"end_time":40.00,"start_ms":0,"end_ms":40000,)"
+                R"("text":"Hello world, this is a stub café. Hello world, this is a stub café."}]})"});
+}
+
 }  // namespace
 }  // namespace kerrow::testing

@@ -22,6 +22,7 @@ using testing_support::PatternSenseVoice;
 using testing_support::ReadRecording;
 using testing_support::ReadTextFile;
 using testing_support::StdoutCapture;
+using testing_support::StubWhisper;
 using testing_support::TrainedPunc;
 using testing_support::TrainedSenseVoice;
 
@@ -136,6 +137,24 @@ TEST(ManualSegment, MissingDecoderFailsLikeAnUnloadedOne) {
   EXPECT_EQ(run.lines,
             std::vector<std::string>{
                 R"({"message":"Second-pass decode failed: Decoder is not initialized","type":"error"})"});
+}
+
+// The library cuts Whisper input at 29.5 s; a longer capture is decoded in
+// pieces of at most 29 s, and the result holds the text of every piece.
+TEST(ManualSegment, WhisperCaptureOf40SecondsGivesTheTextOfBothPieces) {
+  Options options;
+  options.second_type = "whisper";
+  const ManualRun run = RunManual(options, StubWhisper(), nullptr,
+                                  std::vector<float>(40 * kSampleRate, 0.0f));
+  EXPECT_TRUE(run.ok);
+  // Each piece plays the stub's script; a growing (not final) text loses its
+  // last full stop only.
+  EXPECT_EQ(run.lines,
+            std::vector<std::string>{
+                R"({"type":"result","stage":"second-pass","mode":"offline_final","segments":[)"
+                R"({"start_time":0.00,"end_time":40.00,"start_ms":0,"end_ms":40000,)"
+                R"("text":"Hello world, this is a stub café. Hello world, this is a stub café"}]})"});
+  EXPECT_FALSE(run.stop_flush_after);
 }
 
 }  // namespace
