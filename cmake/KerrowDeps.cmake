@@ -21,6 +21,18 @@ if(NOT KERROW_SHERPA_PLATFORM MATCHES "^darwin")
   set_target_properties(sherpa_onnx_c_api PROPERTIES IMPORTED_NO_SONAME OFF)
 endif()
 
+# The build tree runs against the unpacked npm package in place; an installed
+# tree carries the two libraries in lib/ beside bin/, so its run path is
+# relative to the executable and the tree can be moved or shipped in an app
+# bundle. The c-api library finds onnxruntime through its own run path.
+if(KERROW_SHERPA_PLATFORM MATCHES "^darwin")
+  set(CMAKE_INSTALL_RPATH "@loader_path/../lib")
+else()
+  set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib")
+endif()
+set(CMAKE_BUILD_WITH_INSTALL_RPATH OFF)
+set(CMAKE_INSTALL_RPATH_USE_LINK_PATH OFF)
+
 set(KERROW_VAD_MODEL ${KERROW_DEPS_DIR}/silero-vad/weights/silero_vad.onnx)
 set(KERROW_MODELS_DIR ${CMAKE_SOURCE_DIR}/models)
 set(KERROW_TEST_DATA_DIR ${CMAKE_SOURCE_DIR}/tests/data)
