@@ -1,7 +1,8 @@
 #include "live/pcm_loop_settings.h"
 
 #include <algorithm>
-#include <cmath>
+
+#include "common/sample_time.h"
 
 namespace kerrow {
 
@@ -10,15 +11,6 @@ namespace {
 // A chunk never spans more than this: a huge --chunk-duration would otherwise
 // ask for a buffer the process cannot allocate.
 constexpr double kMaxChunkSeconds = 60.0;
-
-// Durations far beyond any session are clamped so that rounding stays defined.
-constexpr double kMaxSamples = 1e15;
-
-int64_t RoundToSamples(double seconds, int rate) {
-  const double samples = seconds * rate;
-  if (!(samples < kMaxSamples)) return static_cast<int64_t>(kMaxSamples);
-  return static_cast<int64_t>(std::llround(samples));
-}
 
 // NaN and values not above zero fall back to the default.
 double PositiveOr(double value, double fallback) { return value > 0.0 ? value : fallback; }
@@ -32,16 +24,16 @@ PcmLoopSettings ComputePcmLoopSettings(const Options& options) {
 
   double chunk_seconds = options.chunk_duration >= 0.02 ? options.chunk_duration : 0.02;
   chunk_seconds = std::min(chunk_seconds, kMaxChunkSeconds);
-  settings.chunk_samples = static_cast<size_t>(std::max<int64_t>(RoundToSamples(chunk_seconds, rate), 1));
+  settings.chunk_samples = static_cast<size_t>(std::max<int64_t>(SecondsToSamples(chunk_seconds, rate), 1));
   settings.keepalive_period = 5ULL * static_cast<uint64_t>(rate);
   settings.batch_size = std::max(options.second_pass_every, 0);
 
-  settings.trim_cap = options.single_trim_cap > 0.0 ? RoundToSamples(options.single_trim_cap, rate) : 0;
-  settings.trim_keep = RoundToSamples(PositiveOr(options.single_trim_keep, 1.0), rate);
+  settings.trim_cap = options.single_trim_cap > 0.0 ? SecondsToSamples(options.single_trim_cap, rate) : 0;
+  settings.trim_keep = SecondsToSamples(PositiveOr(options.single_trim_keep, 1.0), rate);
   settings.max_window = std::max(settings.trim_cap + settings.trim_keep + 1,
-                                 RoundToSamples(PositiveOr(options.single_max_window, 7.0), rate));
+                                 SecondsToSamples(PositiveOr(options.single_max_window, 7.0), rate));
   const double min_silence_seconds = options.vad_min_silence >= 0.3 ? options.vad_min_silence : 0.3;
-  settings.min_silence = std::max<int64_t>(RoundToSamples(min_silence_seconds, rate), 1);
+  settings.min_silence = std::max<int64_t>(SecondsToSamples(min_silence_seconds, rate), 1);
   return settings;
 }
 

@@ -1,8 +1,8 @@
 #include "live/single_model_streaming.h"
 
 #include <algorithm>
-#include <cmath>
 
+#include "common/sample_time.h"
 #include "engine/offline_decoder_backend.h"
 #include "events/event_emitter.h"
 #include "events/segment_result.h"
@@ -77,8 +77,7 @@ std::vector<float> SingleModelStreamer::CopyCapture(int64_t from, int64_t to) co
 }
 
 int64_t SingleModelStreamer::TokenSamplePosition(float seconds) const {
-  return window_start_ +
-         static_cast<int64_t>(std::llround(static_cast<double>(settings_.sample_rate) * seconds));
+  return window_start_ + SecondsToSamples(seconds, settings_.sample_rate);
 }
 
 std::vector<int64_t> SingleModelStreamer::TokenBoundaries(const std::vector<float>& timestamps,
@@ -214,8 +213,8 @@ void SingleModelStreamer::RestartWindowAt(int64_t position) {
 void SingleModelStreamer::EmitCommitted(const std::string& text, int64_t start, int64_t end) {
   if (end <= start || !HasContentText(text)) return;
   SegmentResult result;
-  result.start_time = static_cast<double>(start) / settings_.sample_rate;
-  result.end_time = static_cast<double>(end) / settings_.sample_rate;
+  result.start_time = SamplesToSeconds(start, settings_.sample_rate);
+  result.end_time = SamplesToSeconds(end, settings_.sample_rate);
   result.text = text;
   const int id = static_cast<int>(state_->next_segment_id.fetch_add(1));
   if (emitter_ != nullptr) {

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/sample_time.h"
 #include "events/event_emitter.h"
 #include "events/segment_result.h"
 #include "events/transcript_records.h"
@@ -36,8 +37,7 @@ bool DecodeAndEmitManualSegment(const Options& options,
     audio->samples.clear();
   }
 
-  const double duration = static_cast<double>(samples.size()) /
-                          static_cast<double>(options.sample_rate);
+  const double duration = SamplesToSeconds(static_cast<int64_t>(samples.size()), options.sample_rate);
   if (duration < kMinSegmentSeconds) {
     emitter->EmitLog("Recording too short, skipping decode");
     return true;

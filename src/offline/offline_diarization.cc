@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "common/sample_time.h"
 #include "events/event_emitter.h"
 #include "events/number_format.h"
 
@@ -25,8 +26,7 @@ bool RunOfflineDiarization(const Options& options,
     emitter->EmitLog("diarization failed: " + error);
     return false;
   }
-  const double audio_seconds = static_cast<double>(samples.size()) /
-                               static_cast<double>(options.sample_rate);
+  const double audio_seconds = SamplesToSeconds(static_cast<int64_t>(samples.size()), options.sample_rate);
   emitter->EmitLog("diarization segments=" + std::to_string(out->size()) +
                    " audio_s=" + FormatSixDecimals(audio_seconds));
   return true;

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/sample_time.h"
 #include "diarization/diarization_backend.h"
 #include "engine/offline_decoder_backend.h"
 #include "engine/vad_backend.h"
@@ -34,10 +35,6 @@ int64_t MsSince(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() -
                                                                start)
       .count();
-}
-
-double SamplesToSeconds(int64_t samples, int32_t sample_rate) {
-  return static_cast<double>(samples) / static_cast<double>(sample_rate);
 }
 
 std::vector<float> CopySpan(const std::vector<float>& samples,

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/sample_time.h"
 #include "events/number_format.h"
 
 namespace kerrow {
@@ -17,7 +18,7 @@ constexpr double kDefaultMaxGroupSeconds = 8.0;
 constexpr int64_t kWhisperMaxSpanSeconds = 29;
 
 int64_t SecondsToSamplesRounded(double seconds, int32_t sample_rate) {
-  return std::llround(std::max(seconds, 0.0) * sample_rate);
+  return SecondsToSamples(seconds, sample_rate);
 }
 
 class PlanBuilder {
@@ -141,7 +142,7 @@ VadGroupingLimits MakeVadGroupingLimits(const Options& options,
                                        ? options.vad_max_speech
                                        : kDefaultMaxGroupSeconds;
   limits.max_group_samples =
-      std::max<int64_t>(static_cast<int64_t>(max_group_seconds * sr), sr);
+      std::max<int64_t>(SecondsToSamples(max_group_seconds, sr, SampleRounding::kTowardZero), sr);
   limits.whisper = options.second_type == "whisper";
   limits.max_span_samples =
       limits.whisper ? std::max<int64_t>(kWhisperMaxSpanSeconds * sr, 1)

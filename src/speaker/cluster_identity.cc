@@ -6,30 +6,26 @@
 #include <limits>
 #include <optional>
 
+#include "common/sample_time.h"
 #include "events/number_format.h"
 
 namespace kerrow {
 namespace {
 
 // Turn times come from the diarizer or from a user's file, so they may lie
-// before the audio, past its end or be absurdly large; clamp in floating point
-// before converting so the conversion is always defined.
+// before the audio, past its end or be absurdly large; the saturating
+// conversion and the clamp keep every index inside the audio.
 size_t SampleIndexAt(double seconds, int sample_rate, size_t sample_count) {
-  const double position = seconds * sample_rate;
-  if (!(position > 0.0)) return 0;
-  if (position >= static_cast<double>(sample_count)) return sample_count;
-  return static_cast<size_t>(position);
+  return static_cast<size_t>(std::min<int64_t>(
+      SecondsToSamples(seconds, sample_rate, SampleRounding::kTowardZero), static_cast<int64_t>(sample_count)));
 }
 
 // max_seconds of 0 or less means no cap at all.
 std::optional<size_t> SampleCap(int sample_rate, double max_seconds) {
   if (!(max_seconds > 0.0)) return std::nullopt;
-  const double cap = static_cast<double>(sample_rate) * max_seconds;
-  if (!(cap > 0.0)) return 0;
-  if (cap >= static_cast<double>(std::numeric_limits<uint32_t>::max())) {
-    return std::numeric_limits<uint32_t>::max();
-  }
-  return static_cast<size_t>(cap);
+  return static_cast<size_t>(std::min<int64_t>(
+      SecondsToSamples(max_seconds, sample_rate, SampleRounding::kTowardZero),
+      std::numeric_limits<uint32_t>::max()));
 }
 
 // Longest turns first: they carry the most reliable voice, and under a cap they
