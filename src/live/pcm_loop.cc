@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "audio/pcm_pipe_reader.h"
+#include "common/sample_time.h"
 #include "engine/offline_decoder_backend.h"
 #include "engine/online_backend.h"
 #include "engine/vad_backend.h"
@@ -34,7 +35,7 @@ constexpr size_t kDiagTextBytes = 64;
 const char* Bit(bool value) { return value ? "1" : "0"; }
 
 std::string Seconds3(int64_t samples, int rate) {
-  return FormatFixed(static_cast<double>(samples) / rate, 3) + "s";
+  return FormatFixed(SamplesToSeconds(samples, rate), 3) + "s";
 }
 
 AudioFormat PipeFormat(const Options& options) {
@@ -294,9 +295,11 @@ class PcmSession {
         " start=" + Seconds3(start, rate) + " end=" + Seconds3(start + count, rate) +
         " raw=" + Seconds3(count, rate) + " start_sample=" + std::to_string(start) +
         " end_sample=" + std::to_string(start + count) + " raw_samples=" + std::to_string(count));
+    FinishUtteranceText();
     EmitPunctuatedForPartial(punc_, emitter_, id, last_partial_, SessionId());
     emitter_->EmitRawJson(
         BuildFirstPassEventJson(id, last_partial_, /*is_final=*/false, SessionId()));
+    StartNextUtterance();
     if (settings_.batch_size > 0) {
       PendingRealtimeSegment pending;
       pending.segment_id = id;
@@ -307,6 +310,30 @@ class PcmSession {
       Log("[M3] realtime 2pass disabled by config (second_pass_every=0)");
       second_pass_disabled_logged_ = true;
     }
+  }
+
+  // Streaming models hold back their last frames until told that the input
+  // ended; finishing the stream here gives the closing records the whole
+  // utterance.
+  void FinishUtteranceText() {
+    if (!OnlineReady()) return;
+    std::string text;
+    std::string error;
+    if (!online_->InputFinishedAndDecode(&text, &error)) {
+      Log("Online finalize failed: " + error);
+    } else if (!text.empty()) {
+      last_partial_ = text;
+    }
+  }
+
+  // The closed segment's text is out; the next segment's partials must hold
+  // only its own words, or each partial (and the punctuation model's input)
+  // would grow with every utterance of the capture.
+  void StartNextUtterance() {
+    last_partial_.clear();
+    if (!OnlineReady()) return;
+    std::string error;
+    if (!online_->Reset(&error)) Log("Online reset failed: " + error);
   }
 
   void DiscardVadSegments() {

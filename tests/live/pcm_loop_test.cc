@@ -119,9 +119,15 @@ TEST(PcmLoop, ManualRealtimeClosesEachVadSegmentAndDecodesItInTheSecondPass) {
     ASSERT_LT(segment + 3, static_cast<int>(lines.size()));
     EXPECT_TRUE(IsPunctuated(lines[segment + 1])) << lines[segment + 1];
     EXPECT_EQ(JsonIntField(lines[segment + 1], "segment_id"), id);
-    EXPECT_EQ(lines[segment + 2],
-              "{\"type\":\"first-pass\",\"segment_id\":" + std::to_string(id) + ",\"text\":\"" +
-                  last_partial + "\",\"mode\":\"online_partial\",\"is_final\":false}");
+    // The closing event carries the finished stream's text: the last partial
+    // and whatever the stream held back.
+    EXPECT_EQ(lines[segment + 2].rfind("{\"type\":\"first-pass\",\"segment_id\":" +
+                                           std::to_string(id) + ",\"text\":\"" + last_partial,
+                                       0),
+              0u)
+        << lines[segment + 2];
+    EXPECT_NE(lines[segment + 2].find("\",\"mode\":\"online_partial\",\"is_final\":false}"),
+              std::string::npos);
     const std::string& result = lines[segment + 3];
     ASSERT_TRUE(IsResult(result)) << result;
     EXPECT_EQ(JsonIntField(result, "segment_id"), id);
@@ -178,7 +184,7 @@ TEST(PcmLoop, StopFlushesTheOpenSegmentAndForcesTheLastBatch) {
   EXPECT_EQ(harness.state().next_segment_id.load(), 3u);
 }
 
-TEST(PcmLoop, ParaformerStreamEmitsItsHeldBackTailWhenFinishedAtStop) {
+TEST(PcmLoop, ParaformerHeldBackTailClosesTheFlushedSegment) {
   Options options = ManualRealtimeOptions();
   options.second_pass_every = 0;
   RealtimeModels models(StreamingModel::kParaformerStub);
@@ -194,17 +200,22 @@ TEST(PcmLoop, ParaformerStreamEmitsItsHeldBackTailWhenFinishedAtStop) {
   for (size_t i = 0; i < before_stop; ++i) {
     if (IsFirstPass(lines[i])) last_partial_before_stop = JsonTextField(lines[i]);
   }
-  // After the flush's closing event, the finished stream's text goes out under
-  // the next id, not final, and differs from everything before it.
+  // The stream is finished when the segment closes, so the closing event
+  // carries the text the stream held back; the stream then starts over and
+  // has nothing left to say at stop.
   const int closing = harness.WaitForLineContaining("[VAD] seg source=flush id=1 ", milliseconds(0));
   ASSERT_GE(closing, 0);
-  int tail = -1;
+  int closing_event = -1;
   for (size_t i = closing + 1; i < lines.size(); ++i) {
-    if (IsFirstPass(lines[i]) && JsonIntField(lines[i], "segment_id") == 2) tail = static_cast<int>(i);
+    if (IsFirstPass(lines[i])) {
+      EXPECT_EQ(JsonIntField(lines[i], "segment_id"), 1) << lines[i];
+      if (closing_event < 0) closing_event = static_cast<int>(i);
+    }
   }
-  ASSERT_GE(tail, 0);
-  EXPECT_NE(JsonTextField(lines[tail]), last_partial_before_stop);
-  EXPECT_NE(lines[tail].find("\"is_final\":false"), std::string::npos);
+  ASSERT_GE(closing_event, 0);
+  EXPECT_NE(JsonTextField(lines[closing_event]), last_partial_before_stop);
+  EXPECT_FALSE(JsonTextField(lines[closing_event]).empty());
+  EXPECT_NE(lines[closing_event].find("\"is_final\":false"), std::string::npos);
   ExpectNoRepeatedPartial(lines);
 }
 

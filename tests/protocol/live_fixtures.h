@@ -27,6 +27,23 @@ inline std::vector<std::string> StreamingFirstPassArgs() {
           "--num-threads-first", "1"};
 }
 
+// The trained streaming recognizer (an lstm transducer with character units):
+// its partials are real text that can be compared with what was said.
+inline std::vector<std::string> TrainedStreamingFirstPassArgs() {
+  const std::string dir = ModelPath("trained/streaming-lstm-en-char/");
+  return {"--first-encoder", dir + "encoder.onnx", "--first-decoder", dir + "decoder.onnx",
+          "--first-joiner",  dir + "joiner.onnx",  "--first-tokens",  dir + "tokens.txt",
+          "--num-threads-first", "1"};
+}
+
+inline std::vector<std::string> TrainedManualRealtimeArgs() {
+  return Concat(Concat({"--manual-mode", "--manual-realtime", "--start-paused",
+                        "--silero-vad-model", SileroVadModel(), "--ct-transformer",
+                        TrainedPunctuationModel()},
+                       TrainedStreamingFirstPassArgs()),
+                TrainedSenseVoiceArgs());
+}
+
 inline std::vector<std::string> ManualRealtimeArgs() {
   return Concat(Concat({"--manual-mode", "--manual-realtime", "--start-paused",
                         "--silero-vad-model", SileroVadModel(), "--ct-transformer",
@@ -42,6 +59,12 @@ inline std::vector<std::string> SingleModelArgs() {
 }
 
 inline std::vector<float> ShortSpeech() { return LoadWavForTest(AudioPath("espeak/en_short.wav")); }
+
+inline const std::string kLongReference =
+    "the quick brown fox jumps over the lazy dog speech recognition converts spoken words into "
+    "text today is monday and the meeting starts at ten o'clock in the morning";
+
+inline std::vector<float> LongSpeech() { return LoadWavForTest(AudioPath("espeak/en10s.wav")); }
 
 inline std::vector<float> SilenceSeconds(double seconds) {
   return std::vector<float>(static_cast<size_t>(seconds * 16000), 0.0f);
@@ -104,6 +127,20 @@ inline bool EndsWithMark(const std::string& text) {
     }
   }
   return false;
+}
+
+// The text of the last line of each kind ("first-pass" or "punctuated") that
+// carries the segment id: for a closed segment, its closing record.
+inline std::string LastTextForSegment(const std::vector<std::string>& lines,
+                                      const std::string& type, long segment_id) {
+  const std::string prefix = "{\"type\":\"" + type + "\"";
+  std::string text;
+  for (const auto& line : lines) {
+    if (line.rfind(prefix, 0) == 0 && IntField(line, "segment_id") == segment_id) {
+      text = TextField(line);
+    }
+  }
+  return text;
 }
 
 inline std::vector<std::string> ResultLines(const std::vector<std::string>& lines) {
