@@ -1,15 +1,14 @@
 #include "live/command_loop.h"
 
-#include <poll.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <sstream>
 #include <thread>
 
 #include "events/event_emitter.h"
 #include "events/number_format.h"
+#include "live/host_command.h"
+#include "live/line_reader.h"
 #include "offline/manual_segment.h"
 #include "offline/offline_two_pass.h"
 
@@ -22,56 +21,6 @@ using Clock = std::chrono::steady_clock;
 // How long one wait for input lasts before the loop looks at the quit flag
 // again: the PCM thread may end the session while the host keeps stdin open.
 constexpr int kInputPollMs = 20;
-
-// Splits a descriptor's bytes into '\n'-terminated lines. A last line without
-// a terminator still counts as a line, as std::getline would return it.
-class LineReader {
- public:
-  enum class Status { kLine, kNothingYet, kEnd };
-
-  explicit LineReader(int fd) : fd_(fd) {}
-
-  Status Next(std::string* line) {
-    for (;;) {
-      const size_t newline = buffer_.find('\n');
-      if (newline != std::string::npos) {
-        line->assign(buffer_, 0, newline);
-        buffer_.erase(0, newline + 1);
-        return Status::kLine;
-      }
-      if (eof_) {
-        if (buffer_.empty()) return Status::kEnd;
-        line->swap(buffer_);
-        buffer_.clear();
-        return Status::kLine;
-      }
-      const Status filled = Fill();
-      if (filled != Status::kLine) return filled;
-    }
-  }
-
- private:
-  // kLine here means "bytes or the end arrived, look again".
-  Status Fill() {
-    pollfd waiting{fd_, POLLIN, 0};
-    const int ready = poll(&waiting, 1, kInputPollMs);
-    if (ready == 0) return Status::kNothingYet;
-    if (ready < 0) return errno == EINTR ? Status::kNothingYet : Status::kEnd;
-    char bytes[4096];
-    const ssize_t got = read(fd_, bytes, sizeof bytes);
-    if (got < 0) return (errno == EINTR || errno == EAGAIN) ? Status::kNothingYet : Status::kEnd;
-    if (got == 0) {
-      eof_ = true;
-    } else {
-      buffer_.append(bytes, static_cast<size_t>(got));
-    }
-    return Status::kLine;
-  }
-
-  int fd_;
-  std::string buffer_;
-  bool eof_ = false;
-};
 
 struct CommandContext {
   const Options& options;
@@ -185,41 +134,36 @@ void SetSinglePartialInterval(const CommandContext& context, double seconds) {
 
 // Returns true when the line ends the loop.
 bool HandleCommand(const CommandContext& context, const std::string& line) {
-  if (line == "start") {
-    StartCapture(context);
-  } else if (line == "stop") {
-    StopCapture(context);
-  } else if (line == "quit") {
-    context.state->quit.store(true);
-    context.Log("Quit requested");
-    return true;
-  } else if (line == "manual" || line == "auto") {
-    SwitchMode(context, line);
-  } else if (line.empty()) {
-    // A stray newline is not a command, and not worth a log line either.
-  } else {
-    double seconds = 0.0;
-    if (ParseSinglePartialIntervalCommand(line, &seconds)) {
-      SetSinglePartialInterval(context, seconds);
-    } else {
+  const HostCommand command = ParseHostCommand(line);
+  switch (command.kind) {
+    case HostCommandKind::kStart:
+      StartCapture(context);
+      break;
+    case HostCommandKind::kStop:
+      StopCapture(context);
+      break;
+    case HostCommandKind::kQuit:
+      context.state->quit.store(true);
+      context.Log("Quit requested");
+      return true;
+    case HostCommandKind::kManual:
+    case HostCommandKind::kAuto:
+      SwitchMode(context, line);
+      break;
+    case HostCommandKind::kSetSinglePartialInterval:
+      SetSinglePartialInterval(context, command.seconds);
+      break;
+    case HostCommandKind::kBlank:
+      // A stray newline is not a command, and not worth a log line either.
+      break;
+    case HostCommandKind::kUnknown:
       context.Log("Unknown command: " + line);
-    }
+      break;
   }
   return false;
 }
 
 }  // namespace
-
-bool ParseSinglePartialIntervalCommand(const std::string& line, double* seconds) {
-  std::istringstream words(line);
-  std::string verb;
-  std::string name;
-  double value = 0.0;
-  if (!(words >> verb >> name >> value)) return false;
-  if (verb != "set" || name != "single-partial-interval") return false;
-  if (seconds != nullptr) *seconds = value;
-  return true;
-}
 
 void CommandLoopOnDescriptor(int input_fd, const Options& options, OfflineDecoderBackend* decoder,
                              PuncBackend* punc, DiarizationBackend* diarization,
@@ -228,7 +172,7 @@ void CommandLoopOnDescriptor(int input_fd, const Options& options, OfflineDecode
   if (state == nullptr) return;
   const CommandContext context{options, decoder, punc, diarization, speaker_id,
                                emitter, state,   audio};
-  LineReader reader(input_fd);
+  LineReader reader(input_fd, kInputPollMs);
   std::string line;
   while (!state->quit.load()) {
     const LineReader::Status status = reader.Next(&line);

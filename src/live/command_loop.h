@@ -4,6 +4,7 @@
 #include <string>
 
 #include "app/options.h"
+#include "live/host_command.h"
 #include "live/shared_state.h"
 
 namespace kerrow {
@@ -36,11 +37,6 @@ void CommandLoopOnDescriptor(int input_fd, const Options& options, OfflineDecode
 // arrived for 120 ms, or 300 ms have passed. Returns at once otherwise.
 void WaitForPcmDrainBeforeStopDecode(const Options& options, EventEmitter* emitter,
                                      SharedState* state);
-
-// Parses "set single-partial-interval <seconds>" (split at blanks, anything
-// after the number ignored). False when the words differ or the number does
-// not parse; such a line is an unknown command.
-bool ParseSinglePartialIntervalCommand(const std::string& line, double* seconds);
 
 }  // namespace kerrow
 
