@@ -8,6 +8,12 @@ function(kerrow_apply_warnings target)
   if(KERROW_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${KERROW_SANITIZE} -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=${KERROW_SANITIZE})
+    if(KERROW_SANITIZE MATCHES "undefined")
+      # UBSan only prints and carries on by default; a finding must end the
+      # process so that the test (and CI) that hit it fails.
+      target_compile_options(${target} PRIVATE -fno-sanitize-recover=all)
+      target_link_options(${target} PRIVATE -fno-sanitize-recover=all)
+    endif()
   endif()
 endfunction()
 

@@ -11,6 +11,8 @@ packages=(
   libgtest-dev=1.12.1-0.2
   libgmock-dev=1.12.1-0.2
   libbenchmark-dev=1.7.1-1
+  clang-14=1:14.0.6-12
+  libclang-rt-14-dev=1:14.0.6-12
   openssl
 )
 
