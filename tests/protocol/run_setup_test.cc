@@ -58,14 +58,17 @@ TEST(RunSetUp, SherpaOnnxDiarizationNotBuiltInIsLoggedAndTheRunGoesOn) {
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
 }
 
-TEST(RunSetUp, HelperDiarizationNotBuiltInIsLogged) {
+// /bin/true exits at once: a helper that never says READY.
+TEST(RunSetUp, HelperThatExitsBeforeReadyIsLoggedAndTheRunGoesOn) {
   const ProcessResult r = RunKerrow(Concat(
       WhisperStubFileArgs(), {"--diarization", "--diarization-model", "/tmp", "--diarization-helper-binary", "/bin/true"}));
   EXPECT_EQ(r.exit_status, 0);
+  EXPECT_EQ(r.stderr_text, "");
   EXPECT_EQ(SetUpLines(r),
             (std::vector<std::string>{kCreating, kDecoderReady,
-                                      LogLine("[M2] Speaker diarization init failed: fluidaudio backend was requested "
-                                              "via --diarization-helper-binary but is not compiled into this binary")}));
+                                      LogLine("[M2] Speaker diarization init failed: fluidaudio backend init failed: "
+                                              "diarization helper exited before READY")}));
+  EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
 }
 
 TEST(RunSetUp, ModelDirectoryAloneSelectsNoDiarizationBackend) {

@@ -1,0 +1,251 @@
+// Diarization through a resident helper process, as the host runs kerrow: the
+// real kerrow-diarize behind --diarization-helper-binary, and small fake
+// helpers for the ways a helper can fail to start, die or refuse to leave.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <regex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "diarization/rttm_turns.h"
+#include "protocol/protocol_fixtures.h"
+
+namespace kerrow::testing {
+namespace {
+
+const std::string kCreating = LogLine("Creating recognizers. Please wait...");
+const std::string kDecoderReady = LogLine("[M2] Offline decoder initialized");
+const std::string kHelperReady =
+    LogLine("[M2] Speaker diarization initialized (fluidaudio-diar, backend=offline)");
+const std::string kInitFailed = "[M2] Speaker diarization init failed: fluidaudio backend init failed: ";
+
+// A log line whose message matches the regex pattern.
+std::string Log(const std::string& pattern) { return "\\{\"message\":\"" + pattern + "\",\"type\":\"log\"\\}"; }
+
+std::string Dialog(const std::string& name) { return AudioPath("espeak-dialog/" + name); }
+std::string EmbeddingModel() { return ModelPath("trained/speaker-embedding/model.onnx"); }
+
+// A model directory holding both trained models under the names a user's
+// unpacked model folder has, so that the helper finds them by its search.
+class HelperModelDir {
+ public:
+  HelperModelDir() {
+    Link("trained/segmentation-3spk/model.onnx", "segmentation-3.1.onnx");
+    Link("trained/speaker-embedding/model.onnx", "wespeaker.onnx");
+  }
+  const std::string& path() const { return dir_.path(); }
+
+ private:
+  void Link(const std::string& model, const std::string& name) {
+    ASSERT_EQ(::symlink(ModelPath(model).c_str(), dir_.File(name).c_str()), 0);
+  }
+  TempDir dir_;
+};
+
+std::vector<std::string> DialogThroughHelperArgs(const std::string& model_dir) {
+  return Concat({"--manual-mode", "--wav-input", Dialog("two-voices-dialog.wav"), "--diarization",
+                 "--diarization-helper-binary", KERROW_DIARIZE_BINARY, "--diarization-model", model_dir},
+                TrainedSenseVoiceArgs());
+}
+
+// The fast file decode the fake-helper tests use: the whisper stub on 3 s.
+std::vector<std::string> StubDecodeWithHelper(const std::string& helper) {
+  return {"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--second-type", "whisper",
+          "--second-encoder", WhisperStubEncoder(), "--second-decoder", WhisperStubDecoder(),
+          "--second-tokens", WhisperStubTokens(), "--diarization", "--diarization-model", "/models/diar",
+          "--diarization-helper-binary", helper};
+}
+
+const char kStubResult[] =
+    "{\"type\":\"result\",\"stage\":\"second-pass\",\"mode\":\"offline_final\",\"is_final\":true,"
+    "\"offline_2pass\":true,\"segments\":[{\"start_time\":0.00,\"end_time\":3.00,\"start_ms\":0,"
+    "\"end_ms\":3000,\"text\":\"Hello world, this is a stub café.\"}],"
+    "\"merged_text\":\"Hello world, this is a stub café.\"}";
+
+std::string WriteHelperScript(const TempDir& dir, const std::string& body) {
+  const std::string path = dir.File("helper");
+  WriteFileBytes(path, "#!/bin/sh\n" + body);
+  ::chmod(path.c_str(), 0755);
+  return path;
+}
+
+std::vector<std::string> LinesBefore(const std::vector<std::string>& lines, const std::string& end) {
+  std::vector<std::string> before;
+  for (const std::string& line : lines) {
+    if (line == end) return before;
+    before.push_back(line);
+  }
+  ADD_FAILURE() << "no line " << end << " in:\n" << JoinLines(lines);
+  return before;
+}
+
+// The labelled segments of a result record, in order.
+std::vector<LabelledSpan> ResultSegments(const std::string& result) {
+  const std::regex segment(
+      "\\{\"start_time\":([0-9.]+),\"end_time\":([0-9.]+),\"start_ms\":\\d+,\"end_ms\":\\d+,"
+      "\"text\":\"[^\"]*\",\"speaker\":\"([^\"]*)\"\\}");
+  std::vector<LabelledSpan> spans;
+  for (std::sregex_iterator it(result.begin(), result.end(), segment), end; it != end; ++it) {
+    spans.push_back({std::stod((*it)[1]), std::stod((*it)[2]), (*it)[3]});
+  }
+  return spans;
+}
+
+std::vector<std::string> RawTurnLines(const std::string& first, const std::string& second) {
+  std::vector<std::string> lines;
+  const char* times[] = {"0.52s end=4.74s", "5.8s end=10.64s", "11.36s end=16.16s",
+                         "17.22s end=21.9s", "22.6s end=27.56s", "28.7s end=32.66s"};
+  for (int i = 0; i < 6; ++i) {
+    lines.push_back(LogLine(std::string("[DIARIZATION][RAW] start=") + times[i] +
+                            " speaker=" + (i % 2 == 0 ? first : second)));
+  }
+  lines.push_back(LogLine("[DIARIZATION][RAW] total_segments=6"));
+  return lines;
+}
+
+// Each reference turn of the dialog must carry its voice's label for most of
+// its duration, and the two voices must carry the labels expected of them.
+void ExpectDialogLabels(const std::string& result, const std::string& voice_a, const std::string& voice_b) {
+  const std::vector<LabelledSpan> segments = ResultSegments(result);
+  ASSERT_FALSE(segments.empty()) << result;
+  const LabelAgreement agreement = ScoreLabelAgreement(ReadRttm(Dialog("two-voices-dialog.rttm")), segments);
+  EXPECT_EQ(agreement.label_of_voice.at("voiceA"), voice_a) << result;
+  EXPECT_EQ(agreement.label_of_voice.at("voiceB"), voice_b) << result;
+  EXPECT_TRUE(agreement.voices_get_distinct_labels);
+  EXPECT_GE(agreement.worst_turn_share, 0.8) << result;
+  for (const LabelledSpan& segment : segments) {
+    EXPECT_TRUE(segment.label == voice_a || segment.label == voice_b) << segment.label;
+  }
+}
+
+bool ProcessIsGone(pid_t pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
+
+TEST(DiarizationHelper, KerrowDiarizeLabelsTheSpeakersOfAWavInput) {
+  HelperModelDir models;
+  const ProcessResult r = RunKerrow(DialogThroughHelperArgs(models.path()));
+  ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
+  EXPECT_EQ(r.stderr_text, "");
+  EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
+            (std::vector<std::string>{kCreating, kDecoderReady, kHelperReady}));
+  EXPECT_NE(IndexOfLine(r.stdout_lines, LogLine("diarization segments=6 audio_s=33.205937")), -1);
+  const int first_raw = IndexOfMatch(r.stdout_lines, "\\{\"message\":\"\\[DIARIZATION\\]\\[RAW\\].*");
+  ASSERT_NE(first_raw, -1) << JoinLines(r.stdout_lines);
+  EXPECT_EQ(std::vector<std::string>(r.stdout_lines.begin() + first_raw, r.stdout_lines.begin() + first_raw + 7),
+            RawTurnLines("SPEAKER_00", "SPEAKER_01"));
+  const int result = IndexOfResult(r.stdout_lines);
+  ASSERT_NE(result, -1);
+  ExpectDialogLabels(r.stdout_lines[result], "SPEAKER_00", "SPEAKER_01");
+  EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+}
+
+TEST(DiarizationHelper, EnrolledVoicesNameTheSpeakersDiarizedByKerrowDiarize) {
+  HelperModelDir models;
+  TempDir db_dir;
+  const std::string db = db_dir.File("speakers.db");
+  for (const auto& [name, clip] : {std::pair<std::string, std::string>{"Ada", "a_enroll.wav"}, {"Bert", "b_enroll.wav"}}) {
+    const ProcessResult enrolled = RunKerrow({"--register-name", name, "--register-input", Dialog(clip),
+                                              "--speaker-embedding-model", EmbeddingModel(), "--speaker-enroll-db", db});
+    ASSERT_EQ(enrolled.exit_status, 0) << JoinLines(enrolled.stdout_lines);
+  }
+  const ProcessResult r = RunKerrow(Concat(DialogThroughHelperArgs(models.path()),
+                                           {"--speaker-id", "--speaker-embedding-model", EmbeddingModel(),
+                                            "--speaker-enroll-db", db}));
+  ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
+  EXPECT_EQ(r.stderr_text, "");
+  EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
+            (std::vector<std::string>{kCreating, kDecoderReady, kHelperReady,
+                                      LogLine("[M2] Speaker identification initialized (threshold=0.700000)")}));
+  EXPECT_NE(IndexOfMatch(r.stdout_lines, Log("\\[SPEAKER_ID\\] SPEAKER_00 -> Ada \\(score=0\\.\\d+\\)")), -1)
+      << JoinLines(r.stdout_lines);
+  EXPECT_NE(IndexOfMatch(r.stdout_lines, Log("\\[SPEAKER_ID\\] SPEAKER_01 -> Bert \\(score=0\\.\\d+\\)")), -1)
+      << JoinLines(r.stdout_lines);
+  const int first_raw = IndexOfMatch(r.stdout_lines, "\\{\"message\":\"\\[DIARIZATION\\]\\[RAW\\].*");
+  ASSERT_NE(first_raw, -1);
+  EXPECT_EQ(std::vector<std::string>(r.stdout_lines.begin() + first_raw, r.stdout_lines.begin() + first_raw + 7),
+            RawTurnLines("Ada", "Bert"));
+  const int result = IndexOfResult(r.stdout_lines);
+  ASSERT_NE(result, -1);
+  ExpectDialogLabels(r.stdout_lines[result], "Ada", "Bert");
+  EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+}
+
+TEST(DiarizationHelper, AHelperThatDiesMidRequestCostsOnlyTheSpeakerLabels) {
+  TempDir dir;
+  const std::string helper = WriteHelperScript(dir, "echo READY\nread line\nprintf '0\\t1\\tA\\n'\nexit 1\n");
+  const ProcessResult r = RunKerrow(StubDecodeWithHelper(helper));
+  ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
+  EXPECT_EQ(r.stderr_text, "");
+  EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
+            (std::vector<std::string>{kCreating, kDecoderReady, kHelperReady}));
+  const int failed = IndexOfLine(r.stdout_lines, LogLine("diarization failed: diarization helper closed stdout before DONE"));
+  ASSERT_NE(failed, -1) << JoinLines(r.stdout_lines);
+  EXPECT_EQ(r.stdout_lines[failed + 1], LogLine("diarization failed; continue without speaker labels"));
+  EXPECT_NE(IndexOfLine(r.stdout_lines, kStubResult), -1) << JoinLines(r.stdout_lines);
+  EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+}
+
+TEST(DiarizationHelper, KerrowExitsEvenWhenTheHelperIgnoresItsClosedInputAndSigterm) {
+  TempDir dir;
+  const std::string helper = WriteHelperScript(
+      dir, "trap 'echo TERM >> \"" + dir.File("signals") + "\"' TERM\n" + "echo $$ > '" + dir.File("pid") +
+               "'\necho READY\nread line\necho DONE\nexec 0</dev/null\nwhile :; do sleep 0.1; done\n");
+  const ProcessResult r = RunKerrow(StubDecodeWithHelper(helper));
+  ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
+  EXPECT_EQ(r.stderr_text, "");
+  EXPECT_NE(IndexOfLine(r.stdout_lines, LogLine("diarization segments=0 audio_s=3.000000")), -1)
+      << JoinLines(r.stdout_lines);
+  EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+  // kerrow reaped the helper before it exited; the helper outlived SIGTERM.
+  EXPECT_TRUE(ProcessIsGone(std::stoi(ReadFileBytes(dir.File("pid")))));
+  EXPECT_EQ(ReadFileBytes(dir.File("signals")).substr(0, 5), "TERM\n");
+}
+
+TEST(DiarizationHelper, AHelperThatCannotBeExecutedLeavesOneLineOnStandardError) {
+  TempDir dir;
+  const std::string helper = dir.File("not-a-program");
+  WriteFileBytes(helper, "no interpreter line here\n");
+  ::chmod(helper.c_str(), 0755);
+  const ProcessResult r = RunKerrow(StubDecodeWithHelper(helper));
+  ASSERT_EQ(r.exit_status, 0);
+  EXPECT_EQ(r.stderr_text, "execv " + helper + " failed: Exec format error\n");
+  EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
+            (std::vector<std::string>{kCreating, kDecoderReady,
+                                      LogLine(kInitFailed + "diarization helper exited before READY")}));
+  EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+}
+
+TEST(DiarizationHelper, AHelperWithoutExecutePermissionIsNamedInTheInitFailure) {
+  TempDir dir;
+  const std::string helper = dir.File("helper");
+  WriteFileBytes(helper, "#!/bin/sh\necho READY\n");
+  ::chmod(helper.c_str(), 0644);
+  const ProcessResult r = RunKerrow(StubDecodeWithHelper(helper));
+  ASSERT_EQ(r.exit_status, 0);
+  EXPECT_EQ(r.stderr_text, "");
+  EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
+            (std::vector<std::string>{
+                kCreating, kDecoderReady,
+                LogLine(kInitFailed + "diarization helper not executable: " + helper + " (Permission denied)")}));
+}
+
+TEST(DiarizationHelper, AHelperThatAnnouncesAnythingButReadyIsRefused) {
+  TempDir dir;
+  const std::string helper = WriteHelperScript(dir, "echo 'Loading models...'\nwhile read l; do :; done\n");
+  const ProcessResult r = RunKerrow(StubDecodeWithHelper(helper));
+  ASSERT_EQ(r.exit_status, 0);
+  EXPECT_EQ(r.stderr_text, "");
+  EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
+            (std::vector<std::string>{
+                kCreating, kDecoderReady,
+                LogLine(kInitFailed + "expected READY from diarization helper, got: Loading models...")}));
+  EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+}
+
+}  // namespace
+}  // namespace kerrow::testing
