@@ -44,18 +44,43 @@ TEST(RunSetUp, DiarizationWithoutModelPathsBuildsNothingAndIgnoresSpeakerId) {
   EXPECT_EQ(SetUpLines(r), (std::vector<std::string>{kCreating, kDecoderReady}));
 }
 
-TEST(RunSetUp, SherpaOnnxDiarizationNotBuiltInIsLoggedAndTheRunGoesOn) {
-  const ProcessResult r = RunKerrow(Concat(
-      WhisperStubFileArgs(), {"--diarization", "--diarization-segmentation-model", ModelPath("stubs/segmentation/model.onnx"),
-                              "--diarization-embedding-model", ModelPath("stubs/embedding/model.onnx")}));
+std::vector<std::string> StubDiarizationArgs() {
+  return {"--diarization", "--diarization-segmentation-model", ModelPath("stubs/segmentation/model.onnx"),
+          "--diarization-embedding-model", ModelPath("stubs/embedding/model.onnx")};
+}
+
+const std::string kDiarizationReady = LogLine("[M2] Speaker diarization initialized (sherpa-onnx)");
+
+TEST(RunSetUp, SherpaOnnxDiarizationIsLoggedByName) {
+  const ProcessResult r = RunKerrow(Concat(WhisperStubFileArgs(), StubDiarizationArgs()));
   EXPECT_EQ(r.exit_status, 0);
-  EXPECT_EQ(SetUpLines(r),
-            (std::vector<std::string>{
-                kCreating, kDecoderReady,
-                LogLine("[M2] Speaker diarization init failed: sherpa-onnx backend was requested via "
-                        "--diarization-segmentation-model / --diarization-embedding-model but is not compiled into "
-                        "this binary")}));
+  EXPECT_EQ(SetUpLines(r), (std::vector<std::string>{kCreating, kDecoderReady, kDiarizationReady}));
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+}
+
+TEST(RunSetUp, SpeakerIdWithoutEnrollDbIsNotAttemptedEvenWithDiarization) {
+  const ProcessResult r = RunKerrow(Concat(
+      Concat(WhisperStubFileArgs(), StubDiarizationArgs()),
+      {"--speaker-id", "--speaker-embedding-model", ModelPath("trained/speaker-embedding/model.onnx")}));
+  EXPECT_EQ(r.exit_status, 0);
+  EXPECT_EQ(SetUpLines(r), (std::vector<std::string>{kCreating, kDecoderReady, kDiarizationReady}));
+}
+
+TEST(RunSetUp, SpeakerIdFollowsAWorkingDiarizationBackend) {
+  TempDir dir;
+  const std::string db = dir.File("speakers.txt");
+  const ProcessResult enrolled = RunKerrow(
+      {"--register-name", "Alice", "--register-input", AudioPath("espeak-dialog/a_enroll.wav"),
+       "--speaker-embedding-model", ModelPath("trained/speaker-embedding/model.onnx"), "--speaker-enroll-db", db});
+  ASSERT_EQ(enrolled.exit_status, 0) << JoinLines(enrolled.stdout_lines);
+  const ProcessResult r = RunKerrow(Concat(
+      Concat(WhisperStubFileArgs(), StubDiarizationArgs()),
+      {"--speaker-id", "--speaker-embedding-model", ModelPath("trained/speaker-embedding/model.onnx"),
+       "--speaker-enroll-db", db, "--speaker-id-threshold", "0.25"}));
+  EXPECT_EQ(r.exit_status, 0);
+  EXPECT_EQ(SetUpLines(r), (std::vector<std::string>{kCreating, kDecoderReady, kDiarizationReady,
+                                                     LogLine("[M2] Speaker identification initialized "
+                                                             "(threshold=0.250000)")}));
 }
 
 // /bin/true exits at once: a helper that never says READY.
