@@ -322,6 +322,20 @@ TEST(FluidAudioSubprocessBackend, AHelperThatDiesMidRequestFailsThatRequestAndLe
   EXPECT_TRUE(turns.empty());
 }
 
+TEST(FluidAudioSubprocessBackend, AHelperThatNoLongerReadsFailsTheWriteAndLeavesTheBackendNotReady) {
+  TempDir dir;
+  // The helper closes its only copy of the request pipe, so our write meets a
+  // pipe without a reader.
+  FluidAudioSubprocessBackend backend;
+  ASSERT_TRUE(backend.Init(
+      HelperOptions(WriteHelperScript(dir, "h", "exec 0<&-\necho READY\nexec sleep 30\n")), nullptr));
+  std::vector<DiarizationSegment> turns;
+  std::string error;
+  EXPECT_FALSE(backend.Process(OneSecondOfTone(), 16000, &turns, &error));
+  EXPECT_EQ(error, "write to helper failed: Broken pipe");
+  EXPECT_FALSE(backend.IsReady());
+}
+
 TEST(FluidAudioSubprocessBackend, AHelperThatLeavesOnClosedInputIsNotSignalled) {
   TempDir dir;
   const std::string helper = WriteHelperScript(
