@@ -135,6 +135,16 @@ TEST(DiarizedTranscript, SegmentationModelFoundInTheModelDirectory) {
   ExpectLabelsFollowTheTurns(ResultLine(r), "espeak-dialog/heldout-2voices-a.rttm");
 }
 
+TEST(DiarizedTranscript, ThreeVoicesGetThreeLabels) {
+  const ProcessResult r = DecodeExpectingSuccess(
+      Concat(FileDecodeArgs(AudioPath("espeak-dialog/heldout-3voices-a.wav")),
+             ExplicitDiarizationArgs(3)));
+  const std::string result = ResultLine(r);
+  ExpectLabelsFollowTheTurns(result, "espeak-dialog/heldout-3voices-a.rttm");
+  EXPECT_EQ(Labels(ResultSegments(result)),
+            (std::set<std::string>{"SPEAKER_00", "SPEAKER_01", "SPEAKER_02"}));
+}
+
 TEST(DiarizedTranscript, EnrolledVoicesAppearByName) {
   TempDir dir;
   const std::string db = dir.File("speakers.txt");
