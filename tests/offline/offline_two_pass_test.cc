@@ -367,8 +367,8 @@ TEST(Offline2Pass, DecodeFailureInChunkPathEmitsErrorWithoutResult) {
                            R"({"message":"offline_2pass decode failed: Decoder is not initialized","type":"error"})"});
 }
 
-// A diarizer with scripted turns: no diarization backend is built into this
-// binary yet, and these tests are about what the pipeline does with turns.
+// A diarizer with scripted turns: these tests are about what the pipeline
+// does with the turns it is given, whatever a real diarizer would find.
 class ScriptedDiarization : public DiarizationBackend {
  public:
   bool Init(const DiarizationInitOptions&, std::string*) override { return true; }
