@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "diarization/rttm_turns.h"
+#include "protocol/live_fixtures.h"
 #include "protocol/protocol_fixtures.h"
 
 namespace kerrow::testing {
@@ -188,6 +189,47 @@ TEST(DiarizationHelper, AHelperThatDiesMidRequestCostsOnlyTheSpeakerLabels) {
   EXPECT_EQ(r.stdout_lines[failed + 1], LogLine("diarization failed; continue without speaker labels"));
   EXPECT_NE(IndexOfLine(r.stdout_lines, kStubResult), -1) << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+}
+
+// Index of the first whole-capture result at or after `from`, waiting for it.
+int WaitForOffline2passResult(KerrowProcess* process, size_t from) {
+  return process->WaitForLine(
+      [](const std::string& line) {
+        return IsResultLine(line) && line.find("\"offline_2pass\":true") != std::string::npos;
+      },
+      std::chrono::seconds(120), from);
+}
+
+// In a live session the helper backend lives as long as the engine: once its
+// helper has died, every later stop is transcribed without diarization, and
+// the session itself goes on.
+TEST(DiarizationHelper, AfterTheHelperDiesLaterLiveCapturesAreTranscribedWithoutDiarization) {
+  TempDir dir;
+  const std::string helper = WriteHelperScript(dir, "echo READY\nread line\nexit 1\n");
+  auto process = StartLive(Concat(Concat(ManualRealtimeArgs(), {"--offline-2pass"}),
+                                  {"--diarization", "--diarization-model", "/models/diar",
+                                   "--diarization-helper-binary", helper}));
+  std::vector<int> results;
+  for (uint64_t capture = 1; capture <= 2; ++capture) {
+    const size_t from = process->Lines().size();
+    ASSERT_TRUE(StartCaptureAndWait(process.get(), capture)) << JoinLines(process->Lines());
+    ASSERT_TRUE(process->WriteAudioS16(Join(ShortSpeech(), SilenceSeconds(1.5))));
+    process->WriteCommand("stop");
+    results.push_back(WaitForOffline2passResult(process.get(), from));
+    ASSERT_GE(results.back(), 0) << JoinLines(process->Lines());
+  }
+  QuitAndExpectCleanEnd(process.get());
+  const std::vector<std::string> lines = process->Lines();
+  const int died = IndexOfLine(lines, LogLine("diarization failed: diarization helper closed stdout before DONE"));
+  ASSERT_NE(died, -1) << JoinLines(lines);
+  EXPECT_LT(died, results[0]);
+  const int skipped = IndexOfLine(lines, LogLine("diarization skipped: backend not initialized"));
+  ASSERT_NE(skipped, -1) << JoinLines(lines);
+  EXPECT_GT(skipped, results[0]);
+  EXPECT_LT(skipped, results[1]);
+  for (const int result : results) {
+    EXPECT_EQ(lines[result].find("\"speaker\""), std::string::npos) << lines[result];
+  }
 }
 
 TEST(DiarizationHelper, KerrowExitsEvenWhenTheHelperIgnoresItsClosedInputAndSigterm) {
