@@ -25,16 +25,6 @@ void Notify(const AtomicWriteObserver& observer) {
   if (observer) observer();
 }
 
-// A link to the database is a deliberate choice of the user (the file may live
-// on another volume); replacing the link by a plain file would silently split it.
-std::string ResolveTarget(const std::string& path) {
-  struct stat link_status {};
-  if (lstat(path.c_str(), &link_status) != 0 || !S_ISLNK(link_status.st_mode)) return path;
-  char resolved[PATH_MAX];
-  if (realpath(path.c_str(), resolved) == nullptr) return path;  // dangling: write the path itself
-  return resolved;
-}
-
 std::string DirectoryOf(const std::string& path) {
   const size_t slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
@@ -150,15 +140,47 @@ bool SyncDirectory(const std::string& directory) {
   return !failed;
 }
 
+ReplaceTargetKind KindOf(const struct stat& status) {
+  return S_ISREG(status.st_mode) ? ReplaceTargetKind::kRegularFile : ReplaceTargetKind::kOther;
+}
+
 }  // namespace
 
+// A link to the database is a deliberate choice of the user (the file may live
+// on another volume); replacing the link by a plain file would silently split it.
+// A link to nothing is refused for the same reason: writing a file in its place
+// would break the link the user made.
+ReplaceTarget ResolveReplaceTarget(const std::string& path) {
+  ReplaceTarget target{path, ReplaceTargetKind::kMissing};
+  struct stat link_status {};
+  if (lstat(path.c_str(), &link_status) != 0) return target;
+  if (!S_ISLNK(link_status.st_mode)) {
+    target.kind = KindOf(link_status);
+    return target;
+  }
+  char resolved[PATH_MAX];
+  struct stat status {};
+  if (realpath(path.c_str(), resolved) == nullptr || stat(resolved, &status) != 0) {
+    target.kind = ReplaceTargetKind::kDanglingLink;
+    return target;
+  }
+  target.path = resolved;
+  target.kind = KindOf(status);
+  return target;
+}
+
 std::string AtomicWriteTempPrefix(const std::string& path) {
-  return ResolveTarget(path) + kTempMarker;
+  return ResolveReplaceTarget(path).path + kTempMarker;
 }
 
 AtomicWriteStatus ReplaceFileAtomically(const std::string& path, const std::string& contents,
                                         const AtomicWriteObserver& after_each_step) {
-  const std::string target = ResolveTarget(path);
+  const ReplaceTarget resolved = ResolveReplaceTarget(path);
+  if (resolved.kind != ReplaceTargetKind::kMissing &&
+      resolved.kind != ReplaceTargetKind::kRegularFile) {
+    return AtomicWriteStatus::kNotRegularFile;
+  }
+  const std::string& target = resolved.path;
   struct stat existing {};
   const bool target_exists = stat(target.c_str(), &existing) == 0;
   // Rewriting in place would fail on a read-only file; replacing it by rename

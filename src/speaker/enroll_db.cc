@@ -1,6 +1,8 @@
 #include "speaker/enroll_db.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -8,6 +10,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iomanip>
 #include <locale>
 #include <map>
@@ -15,6 +18,7 @@
 #include <utility>
 
 #include "speaker/atomic_file_writer.h"
+#include "speaker/enroll_db_lock.h"
 #include "speaker/md5.h"
 #include "speaker/uuid.h"
 
@@ -78,8 +82,53 @@ bool ParseFirstComponent(const std::string& word, float* value) {
   return !(errno == ERANGE && std::isinf(*value));
 }
 
-// Reads the database one line at a time. Entries are looked up by name so that
-// legacy files, which repeat a speaker's block to add voiceprints, merge them.
+std::vector<std::string> SplitWords(const std::string& text) {
+  std::vector<std::string> words;
+  size_t start = FindWordStart(text, 0);
+  while (start < text.size()) {
+    const size_t end = FindWordEnd(text, start);
+    words.push_back(text.substr(start, end - start));
+    start = FindWordStart(text, end);
+  }
+  return words;
+}
+
+bool AllFinite(const std::vector<float>& values) {
+  return std::all_of(values.begin(), values.end(), [](float v) { return std::isfinite(v); });
+}
+
+// Why a voiceprint line cannot come back exactly as it was written, judged on
+// its value words one by one; empty when every word is a finite number and
+// there are dim of them.
+std::string VoiceprintLineProblem(const std::vector<std::string>& value_words, int dim) {
+  for (const std::string& word : value_words) {
+    char* end = nullptr;
+    const float value = std::strtof(word.c_str(), &end);
+    if (end != word.c_str() + word.size()) return "voiceprint holds text that is not a number ('" + word + "')";
+    if (!std::isfinite(value)) return "voiceprint holds a value that is not a finite number";
+  }
+  if (static_cast<int>(value_words.size()) != dim) {
+    return "voiceprint has " + std::to_string(value_words.size()) + " values where dim is " +
+           std::to_string(dim);
+  }
+  return "";
+}
+
+// One "speaker" line and the "id" and "emb" lines under it.
+struct SpeakerBlock {
+  std::string name;
+  int name_line = 0;
+  std::string id;
+  int id_line = 0;
+  std::vector<EnrollSample> samples;
+};
+
+// Reads the database one line at a time. A block with an id belongs to the
+// entry of that id, so two people who share a name stay two entries; a block
+// without one (legacy files repeat a speaker's block to add voiceprints) joins
+// the entry of its name. Whatever a reader has to leave out or guess at is
+// noted (the first such line), so that an edit can refuse to write back a
+// database that would come out with less in it.
 class EnrollDbParser {
  public:
   bool ParseLine(const std::string& line, int line_number, std::string* error) {
@@ -89,27 +138,53 @@ class EnrollDbParser {
     const size_t keyword_end = FindWordEnd(line, keyword_start);
     const std::string keyword = line.substr(keyword_start, keyword_end - keyword_start);
     const std::string rest = line.substr(keyword_end);
-    std::istringstream words(rest);
-    words.imbue(std::locale::classic());
     if (keyword == kHeaderKeyword) {
       header_seen_ = true;
       return true;
     }
-    if (keyword == "dim") return ParseDim(&words, line_number, error);
+    if (keyword == "dim") return ParseDim(rest, line_number, error);
     if (keyword == "speaker") return ParseSpeaker(rest, line_number, error);
     if (keyword == "id") return ParseId(rest, line_number, error);
-    if (keyword == "emb") return ParseEmb(&words, line_number, error);
+    if (keyword == "emb") return ParseEmb(rest, line_number, error);
     return true;
+  }
+
+  // Files the last block and drops voiceprints that an overriding dim line
+  // left with the wrong length (that dim line was noted as a loss).
+  void Finish() {
+    CloseBlock();
+    for (EnrollEntry& entry : entries_) {
+      auto& samples = entry.samples;
+      samples.erase(std::remove_if(samples.begin(), samples.end(),
+                                   [this](const EnrollSample& sample) {
+                                     return static_cast<int>(sample.embedding.size()) != dim_;
+                                   }),
+                    samples.end());
+    }
   }
 
   bool header_seen() const { return header_seen_; }
   int dim() const { return dim_; }
   std::vector<EnrollEntry>& entries() { return entries_; }
+  int loss_line() const { return loss_line_; }
+  const std::string& loss() const { return loss_; }
 
  private:
-  bool ParseDim(std::istringstream* words, int line_number, std::string* error) {
+  void NoteLoss(int line_number, const std::string& what) {
+    if (loss_line_ != 0) return;
+    loss_line_ = line_number;
+    loss_ = what;
+  }
+
+  bool ParseDim(const std::string& rest, int line_number, std::string* error) {
+    std::istringstream words(rest);
+    words.imbue(std::locale::classic());
     int value = 0;
-    if (!(*words >> value) || value < 1) return FailAtLine(error, "bad dim at line ", line_number);
+    if (!(words >> value) || value < 1) return FailAtLine(error, "bad dim at line ", line_number);
+    if (dim_ >= 1 && value != dim_) {
+      NoteLoss(line_number, "dim " + std::to_string(value) + " conflicts with dim " +
+                                std::to_string(dim_) + " above it");
+    }
     dim_ = value;
     return true;
   }
@@ -117,45 +192,47 @@ class EnrollDbParser {
   bool ParseSpeaker(const std::string& rest, int line_number, std::string* error) {
     const std::string name = ValueAfterKeyword(rest);
     if (name.empty()) return FailAtLine(error, "empty speaker name at line ", line_number);
-    const auto known = index_by_name_.find(name);
-    if (known != index_by_name_.end()) {
-      current_ = known->second;
-    } else {
-      current_ = static_cast<int>(entries_.size());
-      entries_.push_back(EnrollEntry{"", name, {}});
-      index_by_name_[name] = current_;
-    }
-    last_speaker_name_ = name;
+    CloseBlock();
+    block_ = SpeakerBlock{name, line_number, "", 0, {}};
+    has_block_ = true;
     return true;
   }
 
   bool ParseId(const std::string& rest, int line_number, std::string* error) {
-    if (current_ < 0) return FailAtLine(error, "id before any speaker at line ", line_number);
+    if (!has_block_) return FailAtLine(error, "id before any speaker at line ", line_number);
     const std::string id = ValueAfterKeyword(rest);
     if (id.empty()) return FailAtLine(error, "empty speaker id at line ", line_number);
-    EnrollEntry& entry = entries_[static_cast<size_t>(current_)];
-    // A finished entry of the same name with another id: a second person who
-    // happens to share the name, not a re-opened block.
-    if (!entry.id.empty() && !entry.samples.empty() && entry.id != id) {
-      current_ = static_cast<int>(entries_.size());
-      entries_.push_back(EnrollEntry{id, last_speaker_name_, {}});
-      return true;
+    if (!block_.id.empty() && block_.id != id) {
+      NoteLoss(line_number, "second id for speaker '" + block_.name + "'");
+      // Voiceprints already read belong to the first id; what follows is
+      // taken as another speaker of the same name.
+      if (!block_.samples.empty()) {
+        const std::string name = block_.name;
+        CloseBlock();
+        block_ = SpeakerBlock{name, line_number, "", 0, {}};
+        has_block_ = true;
+      }
     }
-    entry.id = id;
+    block_.id = id;
+    block_.id_line = line_number;
     return true;
   }
 
-  bool ParseEmb(std::istringstream* words, int line_number, std::string* error) {
-    if (current_ < 0) return FailAtLine(error, "emb before any speaker at line ", line_number);
+  bool ParseEmb(const std::string& rest, int line_number, std::string* error) {
+    if (!has_block_) return FailAtLine(error, "emb before any speaker at line ", line_number);
     if (dim_ < 1) return FailAtLine(error, "emb before dim at line ", line_number);
+    std::istringstream words(rest);
+    words.imbue(std::locale::classic());
     std::string word;
-    if (!(*words >> word)) return FailAtLine(error, "empty emb at line ", line_number);
+    if (!(words >> word)) return FailAtLine(error, "empty emb at line ", line_number);
 
+    std::vector<std::string> value_words = SplitWords(rest);
     EnrollSample sample;
     if (word == "-") {
-      // Voiceprint of unknown origin.
+      value_words.erase(value_words.begin());  // voiceprint of unknown origin
     } else if (LooksLikeMd5(word)) {
       sample.md5 = word;
+      value_words.erase(value_words.begin());
     } else {
       float first = 0.0f;
       if (!ParseFirstComponent(word, &first)) {
@@ -164,27 +241,100 @@ class EnrollDbParser {
       sample.embedding.push_back(first);
     }
     float component = 0.0f;
-    while (*words >> component) sample.embedding.push_back(component);
-    // A voiceprint of another length cannot be compared with the rest; it is
-    // skipped rather than failing the whole database.
-    if (static_cast<int>(sample.embedding.size()) == dim_) {
-      entries_[static_cast<size_t>(current_)].samples.push_back(std::move(sample));
-    }
+    while (words >> component) sample.embedding.push_back(component);
+    // A voiceprint of another length, or one that is not a vector of numbers,
+    // cannot be compared with the rest; a reader skips it.
+    const bool usable =
+        static_cast<int>(sample.embedding.size()) == dim_ && AllFinite(sample.embedding);
+    std::string problem = VoiceprintLineProblem(value_words, dim_);
+    if (problem.empty() && !usable) problem = "voiceprint values cannot be read";
+    if (!problem.empty()) NoteLoss(line_number, problem);
+    if (usable) block_.samples.push_back(std::move(sample));
     return true;
+  }
+
+  int AddEntry(const std::string& id, const std::string& name) {
+    const int index = static_cast<int>(entries_.size());
+    entries_.push_back(EnrollEntry{id, name, {}});
+    indices_by_name_[name].push_back(index);
+    if (id.empty()) {
+      index_without_id_by_name_[name] = index;
+    } else {
+      index_by_id_.emplace(id, index);
+    }
+    return index;
+  }
+
+  int EntryForBlockWithId() {
+    const auto known = index_by_id_.find(block_.id);
+    if (known != index_by_id_.end()) {
+      const std::string& holder = entries_[static_cast<size_t>(known->second)].name;
+      if (holder == block_.name) return known->second;
+      NoteLoss(block_.id_line, "speaker id " + block_.id + " is also the id of speaker '" + holder + "'");
+      return AddEntry(block_.id, block_.name);
+    }
+    // A legacy block of this name read earlier gets its id from this one.
+    const auto unnamed = index_without_id_by_name_.find(block_.name);
+    if (unnamed == index_without_id_by_name_.end()) return AddEntry(block_.id, block_.name);
+    const int index = unnamed->second;
+    index_without_id_by_name_.erase(unnamed);
+    entries_[static_cast<size_t>(index)].id = block_.id;
+    index_by_id_.emplace(block_.id, index);
+    return index;
+  }
+
+  int EntryForBlockWithoutId() {
+    const auto named = indices_by_name_.find(block_.name);
+    if (named == indices_by_name_.end()) return AddEntry("", block_.name);
+    if (named->second.size() > 1) {
+      NoteLoss(block_.name_line, "speaker '" + block_.name +
+                                     "' has no id line and several speakers have that name");
+    }
+    return named->second.front();
+  }
+
+  void CloseBlock() {
+    if (!has_block_) return;
+    has_block_ = false;
+    const int index = block_.id.empty() ? EntryForBlockWithoutId() : EntryForBlockWithId();
+    std::vector<EnrollSample>& samples = entries_[static_cast<size_t>(index)].samples;
+    for (EnrollSample& sample : block_.samples) samples.push_back(std::move(sample));
+    block_ = SpeakerBlock{};
   }
 
   bool header_seen_ = false;
   int dim_ = 0;
-  int current_ = -1;
-  std::string last_speaker_name_;
+  bool has_block_ = false;
+  SpeakerBlock block_;
   std::vector<EnrollEntry> entries_;
-  std::map<std::string, int> index_by_name_;
+  std::map<std::string, int> index_by_id_;
+  std::map<std::string, int> index_without_id_by_name_;
+  std::map<std::string, std::vector<int>> indices_by_name_;
+  int loss_line_ = 0;
+  std::string loss_;
 };
 
 // A name the reader would see as empty, or one that would spill onto a second
 // line, would leave a file that no longer loads; such a name is never written.
 bool NameSurvivesReload(const std::string& name) {
   return name.find('\n') == std::string::npos && !ValueAfterKeyword(" " + name).empty();
+}
+
+// The last guard before the file is replaced: whatever is written must load
+// back whole, or the next edit would drop it.
+bool CheckEntriesWritable(int dim, const std::vector<EnrollEntry>& entries, std::string* error) {
+  for (const EnrollEntry& entry : entries) {
+    if (!NameSurvivesReload(entry.name)) {
+      return Fail(error, "speaker name is blank or holds a line break: '" + entry.name + "'");
+    }
+    for (const EnrollSample& sample : entry.samples) {
+      if (!AllFinite(sample.embedding) || static_cast<int>(sample.embedding.size()) != dim) {
+        return Fail(error, "voiceprint of speaker '" + entry.name +
+                               "' is not a vector of dim finite numbers");
+      }
+    }
+  }
+  return true;
 }
 
 std::string FormatEnrollDb(int dim, const std::vector<EnrollEntry>& entries) {
@@ -221,36 +371,153 @@ bool CheckParentDirectory(const std::string& path, std::string* error) {
   return true;
 }
 
+std::string NotRegularFileMessage(const std::string& path) {
+  return "enroll DB is not a regular file: " + path;
+}
+
+// A device, a FIFO or a directory given as the database is a mistake that a
+// rewrite would turn into data loss (or a hang); a link to nothing would be
+// replaced by a file that is no longer where the link points.
+bool CheckReplaceablePath(const std::string& path, std::string* error) {
+  switch (ResolveReplaceTarget(path).kind) {
+    case ReplaceTargetKind::kMissing:
+    case ReplaceTargetKind::kRegularFile:
+      return true;
+    case ReplaceTargetKind::kDanglingLink:
+      return Fail(error, "enroll DB is a symbolic link to nothing: " + path);
+    case ReplaceTargetKind::kOther:
+      break;
+  }
+  return Fail(error, NotRegularFileMessage(path));
+}
+
 bool WriteEnrollDb(const std::string& path, int dim, const std::vector<EnrollEntry>& entries,
                    std::string* error) {
-  for (const EnrollEntry& entry : entries) {
-    if (!NameSurvivesReload(entry.name)) {
-      return Fail(error, "speaker name is blank or holds a line break: '" + entry.name + "'");
-    }
-  }
+  if (!CheckEntriesWritable(dim, entries, error)) return false;
   if (!CheckParentDirectory(path, error)) return false;
   switch (ReplaceFileAtomically(path, FormatEnrollDb(dim, entries))) {
     case AtomicWriteStatus::kWritten:
       return true;
     case AtomicWriteStatus::kCannotCreate:
       return Fail(error, "cannot open enroll DB for write: " + path);
+    case AtomicWriteStatus::kNotRegularFile:
+      return Fail(error, NotRegularFileMessage(path));
     case AtomicWriteStatus::kWriteFailed:
       break;
   }
   return Fail(error, "write error on " + path);
 }
 
-bool AnySampleHasMd5(const std::vector<EnrollEntry>& entries, const std::string& md5,
-                     const EnrollEntry** holder) {
+// Reads the whole file. A path that does not exist (or, for a reader, cannot be
+// opened) is an empty database: *exists becomes false. O_NONBLOCK keeps a FIFO
+// from hanging the open; it is then refused like any other non-regular file.
+bool ReadEnrollDbText(const std::string& path, bool for_rewrite, std::string* text, bool* exists,
+                      std::string* error) {
+  *exists = false;
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    const bool absent = errno == ENOENT || errno == ENOTDIR;
+    if (absent || !for_rewrite) return true;
+    return Fail(error, "cannot read enroll DB: " + path);
+  }
+  struct stat status {};
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    close(fd);
+    return Fail(error, NotRegularFileMessage(path));
+  }
+  char buffer[64 * 1024];
+  ssize_t got = 0;
+  while ((got = read(fd, buffer, sizeof(buffer))) != 0) {
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      close(fd);
+      return Fail(error, "cannot read enroll DB: " + path);
+    }
+    text->append(buffer, static_cast<size_t>(got));
+  }
+  close(fd);
+  *exists = true;
+  return true;
+}
+
+// Lines end at "\n"; a last line without one still counts, an empty tail does not.
+bool ParseEnrollDbText(const std::string& text, EnrollDbParser* parser, std::string* error) {
+  size_t start = 0;
+  int line_number = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    ++line_number;
+    if (!parser->ParseLine(text.substr(start, end - start), line_number, error)) return false;
+    start = end + 1;
+  }
+  return true;
+}
+
+bool LoadEnrollDbAs(const std::string& path, bool for_rewrite, int* dim,
+                    std::vector<EnrollEntry>* entries, std::string* error) {
+  if (dim != nullptr) *dim = 0;
+  if (entries != nullptr) entries->clear();
+  std::string text;
+  bool exists = false;
+  if (!ReadEnrollDbText(path, for_rewrite, &text, &exists, error)) return false;
+  if (!exists) return true;
+
+  EnrollDbParser parser;
+  if (!ParseEnrollDbText(text, &parser, error)) return false;
+  parser.Finish();
+  if (!parser.header_seen() && !parser.entries().empty()) {
+    return Fail(error, std::string("missing '") + kHeaderKeyword + "' header in " + path);
+  }
+  if (for_rewrite && parser.loss_line() != 0) {
+    return Fail(error, "refusing to rewrite the enroll DB, which would lose line " +
+                           std::to_string(parser.loss_line()) + ": " + parser.loss());
+  }
+  for (EnrollEntry& entry : parser.entries()) {
+    if (entry.id.empty()) entry.id = GenerateUuidV4();
+  }
+  if (dim != nullptr) *dim = parser.dim();
+  if (entries != nullptr) *entries = std::move(parser.entries());
+  return true;
+}
+
+// What an edit decided about the database it was handed.
+enum class EditOutcome { kWrite, kLeaveUnchanged, kFailed };
+using EnrollDbEdit =
+    std::function<EditOutcome(int* dim, std::vector<EnrollEntry>* entries, std::string* error)>;
+
+// Every edit is one read-modify-write under the database's lock, so that edits
+// from processes started at once take turns and none writes back a database
+// that misses another's change. The load refuses a file it could not write
+// back whole.
+bool EditEnrollDb(const std::string& path, const EnrollDbEdit& edit, std::string* error) {
+  if (!CheckReplaceablePath(path, error)) return false;
+  // With no database yet, most edits have nothing to do: they are answered
+  // without creating a lock file. An edit that does write (a first
+  // registration) runs again below, under the lock, on whatever is there then.
+  if (ResolveReplaceTarget(path).kind == ReplaceTargetKind::kMissing) {
+    int dim = 0;
+    std::vector<EnrollEntry> entries;
+    const EditOutcome trial = edit(&dim, &entries, error);
+    if (trial != EditOutcome::kWrite) return trial == EditOutcome::kLeaveUnchanged;
+  }
+  EnrollDbLock lock;
+  if (!lock.Acquire(path, error)) return false;
+  int dim = 0;
+  std::vector<EnrollEntry> entries;
+  if (!LoadEnrollDbAs(path, true, &dim, &entries, error)) return false;
+  const EditOutcome outcome = edit(&dim, &entries, error);
+  if (outcome != EditOutcome::kWrite) return outcome == EditOutcome::kLeaveUnchanged;
+  return WriteEnrollDb(path, dim, entries, error);
+}
+
+const EnrollEntry* FindSampleHolder(const std::vector<EnrollEntry>& entries, const std::string& md5) {
   for (const EnrollEntry& entry : entries) {
     for (const EnrollSample& sample : entry.samples) {
-      if (sample.md5 == md5) {
-        if (holder != nullptr) *holder = &entry;
-        return true;
-      }
+      if (sample.md5 == md5) return &entry;
     }
   }
-  return false;
+  return nullptr;
 }
 
 void CollectMd5s(const EnrollEntry& entry, std::vector<std::string>* md5s) {
@@ -279,32 +546,52 @@ size_t RemoveEntries(std::vector<EnrollEntry>* entries, Predicate matches,
   return removed;
 }
 
+// After a removal: write when something went, or when the caller did not ask
+// whether anything was found (it then always gets the file written back).
+EditOutcome OutcomeOfRemoval(size_t removed, bool* found) {
+  if (removed > 0 && found != nullptr) *found = true;
+  return removed == 0 && found != nullptr ? EditOutcome::kLeaveUnchanged : EditOutcome::kWrite;
+}
+
+// The voiceprint goes to speaker `id` (renamed to `name`), or to a new speaker.
+EditOutcome AddVoiceprint(const std::string& id, const std::string& name, EnrollSample sample,
+                          int* dim, std::vector<EnrollEntry>* entries, std::string* error,
+                          std::string* out_id) {
+  const int length = static_cast<int>(sample.embedding.size());
+  if (entries->empty()) {
+    *dim = length;
+  } else if (length != *dim) {
+    Fail(error, "embedding dim " + std::to_string(length) + " != existing DB dim " +
+                    std::to_string(*dim));
+    return EditOutcome::kFailed;
+  }
+  if (id.empty()) {
+    entries->push_back(EnrollEntry{GenerateUuidV4(), name, {std::move(sample)}});
+    if (out_id != nullptr) *out_id = entries->back().id;
+    return EditOutcome::kWrite;
+  }
+  auto target = entries->begin();
+  while (target != entries->end() && target->id != id) ++target;
+  if (target == entries->end()) {
+    Fail(error, "speaker id not found: " + id);
+    return EditOutcome::kFailed;
+  }
+  target->name = name;
+  target->samples.push_back(std::move(sample));
+  if (out_id != nullptr) *out_id = target->id;
+  return EditOutcome::kWrite;
+}
+
 }  // namespace
 
 bool LoadEnrollDb(const std::string& path, int* dim, std::vector<EnrollEntry>* entries,
                   std::string* error) {
-  if (dim != nullptr) *dim = 0;
-  if (entries != nullptr) entries->clear();
+  return LoadEnrollDbAs(path, false, dim, entries, error);
+}
 
-  std::ifstream file(path);
-  if (!file.is_open()) return true;
-
-  EnrollDbParser parser;
-  std::string line;
-  int line_number = 0;
-  while (std::getline(file, line)) {
-    ++line_number;
-    if (!parser.ParseLine(line, line_number, error)) return false;
-  }
-  if (!parser.header_seen() && !parser.entries().empty()) {
-    return Fail(error, std::string("missing '") + kHeaderKeyword + "' header in " + path);
-  }
-  for (EnrollEntry& entry : parser.entries()) {
-    if (entry.id.empty()) entry.id = GenerateUuidV4();
-  }
-  if (dim != nullptr) *dim = parser.dim();
-  if (entries != nullptr) *entries = std::move(parser.entries());
-  return true;
+bool LoadEnrollDbForRewrite(const std::string& path, int* dim, std::vector<EnrollEntry>* entries,
+                            std::string* error) {
+  return LoadEnrollDbAs(path, true, dim, entries, error);
 }
 
 bool AppendEnrollEmbedding(const std::string& path, const std::string& id,
@@ -314,45 +601,26 @@ bool AppendEnrollEmbedding(const std::string& path, const std::string& id,
   if (already_registered != nullptr) *already_registered = false;
   if (name.empty()) return Fail(error, "register name is empty");
   if (embedding.empty()) return Fail(error, "register embedding is empty");
+  // A voiceprint of NaN or infinity matches nothing and would not load back.
+  if (!AllFinite(embedding)) return Fail(error, "register embedding holds a value that is not a finite number");
 
-  int dim = 0;
-  std::vector<EnrollEntry> entries;
-  if (!LoadEnrollDb(path, &dim, &entries, error)) return false;
-
-  const EnrollEntry* holder = nullptr;
-  if (!md5.empty() && AnySampleHasMd5(entries, md5, &holder)) {
-    if (already_registered != nullptr) *already_registered = true;
-    if (out_id != nullptr) *out_id = holder->id;
-    return true;
-  }
-
-  const int length = static_cast<int>(embedding.size());
-  if (entries.empty()) {
-    dim = length;
-  } else if (length != dim) {
-    return Fail(error, "embedding dim " + std::to_string(length) + " != existing DB dim " +
-                           std::to_string(dim));
-  }
-
-  if (!id.empty()) {
-    auto target = entries.begin();
-    while (target != entries.end() && target->id != id) ++target;
-    if (target == entries.end()) return Fail(error, "speaker id not found: " + id);
-    target->name = name;
-    target->samples.push_back(EnrollSample{md5, embedding});
-    if (out_id != nullptr) *out_id = target->id;
-  } else {
-    entries.push_back(EnrollEntry{GenerateUuidV4(), name, {EnrollSample{md5, embedding}}});
-    if (out_id != nullptr) *out_id = entries.back().id;
-  }
-  return WriteEnrollDb(path, dim, entries, error);
+  auto add = [&](int* dim, std::vector<EnrollEntry>* entries, std::string* edit_error) {
+    const EnrollEntry* holder = md5.empty() ? nullptr : FindSampleHolder(*entries, md5);
+    if (holder != nullptr) {
+      if (already_registered != nullptr) *already_registered = true;
+      if (out_id != nullptr) *out_id = holder->id;
+      return EditOutcome::kLeaveUnchanged;
+    }
+    return AddVoiceprint(id, name, EnrollSample{md5, embedding}, dim, entries, edit_error, out_id);
+  };
+  return EditEnrollDb(path, add, error);
 }
 
 bool EnrollDbContainsMd5(const std::string& path, const std::string& md5, std::string* error) {
   if (md5.empty()) return false;
   std::vector<EnrollEntry> entries;
   if (!LoadEnrollDb(path, nullptr, &entries, error)) return false;
-  return AnySampleHasMd5(entries, md5, nullptr);
+  return FindSampleHolder(entries, md5) != nullptr;
 }
 
 std::string Md5File(const std::string& path, std::string* error) {
@@ -379,15 +647,13 @@ std::string Md5File(const std::string& path, std::string* error) {
 bool RemoveEnrollByName(const std::string& path, const std::string& name,
                         std::vector<std::string>* removed_md5s, bool* found, std::string* error) {
   if (found != nullptr) *found = false;
-  int dim = 0;
-  std::vector<EnrollEntry> entries;
-  if (!LoadEnrollDb(path, &dim, &entries, error)) return false;
-  const size_t removed = RemoveEntries(
-      &entries, [&name](const EnrollEntry& entry) { return entry.name == name; }, removed_md5s,
-      nullptr);
-  if (removed > 0 && found != nullptr) *found = true;
-  if (removed == 0 && found != nullptr) return true;
-  return WriteEnrollDb(path, dim, entries, error);
+  auto remove = [&](int*, std::vector<EnrollEntry>* entries, std::string*) {
+    const size_t removed = RemoveEntries(
+        entries, [&name](const EnrollEntry& entry) { return entry.name == name; }, removed_md5s,
+        nullptr);
+    return OutcomeOfRemoval(removed, found);
+  };
+  return EditEnrollDb(path, remove, error);
 }
 
 bool RemoveEnrollById(const std::string& path, const std::string& id,
@@ -395,44 +661,40 @@ bool RemoveEnrollById(const std::string& path, const std::string& id,
                       std::string* removed_name, std::string* error) {
   if (found != nullptr) *found = false;
   if (id.empty()) return Fail(error, "speaker id is empty");
-  int dim = 0;
-  std::vector<EnrollEntry> entries;
-  if (!LoadEnrollDb(path, &dim, &entries, error)) return false;
-  const size_t removed = RemoveEntries(
-      &entries, [&id](const EnrollEntry& entry) { return entry.id == id; }, removed_md5s,
-      removed_name);
-  if (removed > 0 && found != nullptr) *found = true;
-  if (removed == 0 && found != nullptr) return true;
-  return WriteEnrollDb(path, dim, entries, error);
+  auto remove = [&](int*, std::vector<EnrollEntry>* entries, std::string*) {
+    const size_t removed = RemoveEntries(
+        entries, [&id](const EnrollEntry& entry) { return entry.id == id; }, removed_md5s,
+        removed_name);
+    return OutcomeOfRemoval(removed, found);
+  };
+  return EditEnrollDb(path, remove, error);
 }
 
 bool RemoveEnrollByMd5(const std::string& path, const std::string& md5, bool* found,
                        std::string* name, std::string* error) {
   if (found != nullptr) *found = false;
   if (md5.empty()) return Fail(error, "unregister md5 is empty");
-  int dim = 0;
-  std::vector<EnrollEntry> entries;
-  if (!LoadEnrollDb(path, &dim, &entries, error)) return false;
-
-  bool erased_any = false;
-  for (EnrollEntry& entry : entries) {
-    const size_t before = entry.samples.size();
-    auto& samples = entry.samples;
-    samples.erase(std::remove_if(samples.begin(), samples.end(),
-                                 [&md5](const EnrollSample& sample) { return sample.md5 == md5; }),
-                  samples.end());
-    if (samples.size() != before) {
+  auto remove = [&](int*, std::vector<EnrollEntry>* entries, std::string*) {
+    bool erased_any = false;
+    for (EnrollEntry& entry : *entries) {
+      auto& samples = entry.samples;
+      const size_t before = samples.size();
+      samples.erase(std::remove_if(samples.begin(), samples.end(),
+                                   [&md5](const EnrollSample& sample) { return sample.md5 == md5; }),
+                    samples.end());
+      if (samples.size() == before) continue;
       erased_any = true;
       if (name != nullptr) *name = entry.name;
     }
-  }
-  if (!erased_any) return true;
-  if (found != nullptr) *found = true;
-  // Speakers without any voiceprint left cannot be recognised; they go too.
-  entries.erase(std::remove_if(entries.begin(), entries.end(),
-                               [](const EnrollEntry& entry) { return entry.samples.empty(); }),
-                entries.end());
-  return WriteEnrollDb(path, dim, entries, error);
+    if (!erased_any) return EditOutcome::kLeaveUnchanged;
+    if (found != nullptr) *found = true;
+    // Speakers without any voiceprint left cannot be recognised; they go too.
+    entries->erase(std::remove_if(entries->begin(), entries->end(),
+                                  [](const EnrollEntry& entry) { return entry.samples.empty(); }),
+                   entries->end());
+    return EditOutcome::kWrite;
+  };
+  return EditEnrollDb(path, remove, error);
 }
 
 bool RenameEnrollById(const std::string& path, const std::string& id,
@@ -440,25 +702,25 @@ bool RenameEnrollById(const std::string& path, const std::string& id,
   if (found != nullptr) *found = false;
   if (id.empty()) return Fail(error, "speaker id is empty");
   if (new_name.empty()) return Fail(error, "speaker name is empty");
-  int dim = 0;
-  std::vector<EnrollEntry> entries;
-  if (!LoadEnrollDb(path, &dim, &entries, error)) return false;
-  for (EnrollEntry& entry : entries) {
-    if (entry.id != id) continue;
-    entry.name = new_name;
-    if (found != nullptr) *found = true;
-    return WriteEnrollDb(path, dim, entries, error);
-  }
-  if (found != nullptr) return true;
-  return WriteEnrollDb(path, dim, entries, error);
+  auto rename = [&](int*, std::vector<EnrollEntry>* entries, std::string*) {
+    for (EnrollEntry& entry : *entries) {
+      if (entry.id != id) continue;
+      entry.name = new_name;
+      if (found != nullptr) *found = true;
+      return EditOutcome::kWrite;
+    }
+    return found != nullptr ? EditOutcome::kLeaveUnchanged : EditOutcome::kWrite;
+  };
+  return EditEnrollDb(path, rename, error);
 }
 
 bool MigrateEnrollDb(const std::string& path, std::string* error) {
-  int dim = 0;
-  std::vector<EnrollEntry> entries;
-  if (!LoadEnrollDb(path, &dim, &entries, error)) return false;
-  if (entries.empty() && dim < 1) return true;
-  return WriteEnrollDb(path, dim, entries, error);
+  auto migrate = [](int* dim, std::vector<EnrollEntry>* entries, std::string*) {
+    // Nothing to migrate, and no file is created for it.
+    if (entries->empty() && *dim < 1) return EditOutcome::kLeaveUnchanged;
+    return EditOutcome::kWrite;
+  };
+  return EditEnrollDb(path, migrate, error);
 }
 
 }  // namespace kerrow

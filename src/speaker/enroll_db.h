@@ -5,6 +5,9 @@
 // each with a stable id, a display name and one or more voiceprints. Every edit
 // loads the whole file, changes it in memory and replaces the file as a whole, so
 // a reader (or a process killed mid-write) only ever sees a complete database.
+// An edit holds the database's lock (see EnrollDbLock) from its load to its
+// write, so concurrent edits take turns, and it refuses a file it could not write
+// back without losing something; it only ever replaces a regular file.
 //
 // Every function takes the database path first. Fallible ones return false and
 // store one message in *error when error is not null; out-pointers may be null.
@@ -29,13 +32,27 @@ struct EnrollEntry {
 
 // A missing file loads as an empty database (dim 0, no entries). On failure both
 // outputs are left empty. Entries without an id get a fresh one in memory only.
+// A block with an id line is the entry of that id, so speakers who share a name
+// stay apart. What cannot be read whole (a voiceprint of the wrong length or
+// with a value that is not a finite number, ...) is left out, so that readers
+// get every usable voiceprint. A path that is not a regular file is refused.
 bool LoadEnrollDb(const std::string& path, int* dim, std::vector<EnrollEntry>* entries,
                   std::string* error);
+
+// Loads as LoadEnrollDb, but fails wherever that would leave something out or
+// have to guess (a voiceprint it cannot read whole, a dim line that contradicts
+// an earlier one, an id shared by two names, an id-less block whose name belongs
+// to several speakers, two ids for one speaker), naming the first such line, and
+// when an existing file cannot be read. What it returns can be written back
+// without losing anything; every edit below loads this way.
+bool LoadEnrollDbForRewrite(const std::string& path, int* dim,
+                            std::vector<EnrollEntry>* entries, std::string* error);
 
 // Adds one voiceprint: to the speaker `id` (renaming it to `name`) when id is not
 // empty, else to a new speaker. When a voiceprint with the same non-empty md5 is
 // already enrolled, nothing is written, *already_registered becomes true and
-// *out_id names the speaker that holds it.
+// *out_id names the speaker that holds it. An embedding holding NaN or infinity
+// is refused.
 bool AppendEnrollEmbedding(const std::string& path, const std::string& id,
                            const std::string& name, const std::string& md5,
                            const std::vector<float>& embedding, std::string* error,

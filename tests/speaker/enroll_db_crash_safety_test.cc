@@ -20,7 +20,7 @@
 namespace kerrow {
 namespace {
 
-using enroll_test::FilesStartingWith;
+using enroll_test::LeftoverTempFiles;
 using testing::ReadFileBytes;
 using testing::TempDir;
 using testing::WriteFileBytes;
@@ -102,11 +102,11 @@ TEST(EnrollDbCrashSafety, WriterKilledAfterEachStepLeavesOldOrNewFile) {
     ExpectLoads(path);
     // At most the killed writer's own temporary file is left; earlier ones were
     // swept by the writers that came after them.
-    EXPECT_LE(FilesStartingWith(dir.path(), "db.txt.").size(), 1u) << "step " << kill_at;
+    EXPECT_LE(LeftoverTempFiles(dir.path(), "db.txt").size(), 1u) << "step " << kill_at;
   }
 
   ASSERT_TRUE(MigrateEnrollDb(path, nullptr));
-  EXPECT_TRUE(FilesStartingWith(dir.path(), "db.txt.").empty());
+  EXPECT_TRUE(LeftoverTempFiles(dir.path(), "db.txt").empty());
 }
 
 TEST(EnrollDbCrashSafety, EditKilledAtVaryingMomentsLeavesOldOrNewFile) {
@@ -155,13 +155,13 @@ TEST(EnrollDbCrashSafety, EditKilledAtVaryingMomentsLeavesOldOrNewFile) {
     saw_old += is_old ? 1 : 0;
     saw_new += is_new ? 1 : 0;
     ExpectLoads(path);
-    EXPECT_LE(FilesStartingWith(dir.path(), "db.txt.").size(), 1u) << "trial " << trial;
+    EXPECT_LE(LeftoverTempFiles(dir.path(), "db.txt").size(), 1u) << "trial " << trial;
   }
   // Which outcome each kill produced depends on scheduling; both are correct.
   EXPECT_EQ(saw_old + saw_new, kTrials);
 
   ASSERT_TRUE(MigrateEnrollDb(path, nullptr));
-  EXPECT_TRUE(FilesStartingWith(dir.path(), "db.txt.").empty());
+  EXPECT_TRUE(LeftoverTempFiles(dir.path(), "db.txt").empty());
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ namespace kerrow {
 namespace {
 
 using enroll_test::FileExists;
-using enroll_test::FilesStartingWith;
+using enroll_test::LeftoverTempFiles;
 using enroll_test::InodeOf;
 using enroll_test::kIdA;
 using enroll_test::kIdB;
@@ -629,7 +629,7 @@ TEST(WriteEnrollDb, FailedWriteGivesWriteErrorKeepsOldFileAndLeavesNoTempFile) {
       /*as_nobody=*/false);
   EXPECT_EQ(message, "write error on " + path);
   EXPECT_EQ(ReadFileBytes(path), TwoSpeakerDb());
-  EXPECT_EQ(FilesStartingWith(dir.path(), "db.txt.").size(), 0u);
+  EXPECT_EQ(LeftoverTempFiles(dir.path(), "db.txt").size(), 0u);
 }
 
 TEST(WriteEnrollDb, RewriteKeepsPermissionBits) {
@@ -673,7 +673,7 @@ TEST(WriteEnrollDb, SuccessfulWritesLeaveNoTempFiles) {
   for (int i = 0; i < 5; ++i) {
     ASSERT_TRUE(AppendEnrollEmbedding(path, "", "A", "", {1, 2}, nullptr, nullptr, nullptr));
   }
-  EXPECT_EQ(FilesStartingWith(dir.path(), "db.txt").size(), 1u);
+  EXPECT_TRUE(LeftoverTempFiles(dir.path(), "db.txt").empty());
 }
 
 // ---- Queries and removals --------------------------------------------------

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "speaker/atomic_file_writer.h"
+
 namespace kerrow::enroll_test {
 
 constexpr char kIdA[] = "11111111-1111-4111-8111-111111111111";
@@ -51,6 +53,14 @@ inline std::vector<std::string> FilesStartingWith(const std::string& directory,
   }
   closedir(dir);
   return names;
+}
+
+// Temporary files of writes to `directory`/`db_name` still lying in the
+// directory (the database's lock file is not one of them).
+inline std::vector<std::string> LeftoverTempFiles(const std::string& directory,
+                                                  const std::string& db_name) {
+  const std::string prefix = AtomicWriteTempPrefix(directory + "/" + db_name);
+  return FilesStartingWith(directory, prefix.substr(prefix.rfind('/') + 1));
 }
 
 // Runs `body` in a forked child and returns the text it produced. With
