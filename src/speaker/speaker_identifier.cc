@@ -141,6 +141,22 @@ float ScoreAgainst(const std::vector<std::vector<float>>& voiceprints,
 
 }  // namespace
 
+// Several enrolled speakers may share a name (each registration under a name
+// without an id adds one); to the host they are one person, so their
+// voiceprints are pooled under that name, names in order of first appearance.
+std::vector<NamedVoiceprints> GroupVoiceprintsByName(const std::vector<EnrollEntry>& entries) {
+  std::vector<NamedVoiceprints> speakers;
+  std::unordered_map<std::string, size_t> index_by_name;
+  for (const EnrollEntry& entry : entries) {
+    if (entry.samples.empty()) continue;
+    const auto inserted = index_by_name.emplace(entry.name, speakers.size());
+    if (inserted.second) speakers.push_back(NamedVoiceprints{entry.name, {}});
+    NamedVoiceprints& speaker = speakers[inserted.first->second];
+    for (const EnrollSample& sample : entry.samples) speaker.voiceprints.push_back(&sample.embedding);
+  }
+  return speakers;
+}
+
 SpeakerIdentifier::SpeakerIdentifier() : impl_(std::make_unique<Impl>()) {}
 SpeakerIdentifier::~SpeakerIdentifier() = default;
 SpeakerIdentifier::SpeakerIdentifier(SpeakerIdentifier&& other) noexcept = default;
@@ -200,29 +216,39 @@ bool SpeakerIdentifier::LoadEnrolledSpeakers(const std::string& enroll_db, std::
   }
 
   for (const EnrollEntry& entry : entries) {
-    if (entry.samples.empty()) continue;
-    std::vector<float> flattened;
-    flattened.reserve(entry.samples.size() * static_cast<size_t>(impl.dim));
     for (const EnrollSample& sample : entry.samples) {
       if (sample.embedding.size() != static_cast<size_t>(impl.dim)) {
         *error = "enroll DB entry '" + entry.name + "' has a wrong-length embedding";
         return false;
       }
-      flattened.insert(flattened.end(), sample.embedding.begin(), sample.embedding.end());
     }
-    // The manager keys speakers by name and refuses a name it already holds.
-    const int32_t added = SherpaOnnxSpeakerEmbeddingManagerAddListFlattened(
-        impl.manager.get(), entry.name.c_str(), flattened.data(),
-        static_cast<int32_t>(entry.samples.size()));
-    if (added != 1) {
-      *error = "failed to register enrolled speaker '" + entry.name + "'";
-      return false;
-    }
-    std::vector<std::vector<float>>& voiceprints = impl.embeddings_by_name[entry.name];
-    for (const EnrollSample& sample : entry.samples) voiceprints.push_back(sample.embedding);
-    ++impl.registered_names;
+  }
+  for (const NamedVoiceprints& speaker : GroupVoiceprintsByName(entries)) {
+    if (!RegisterName(speaker, error)) return false;
   }
   impl.ready = true;
+  return true;
+}
+
+// The manager keys speakers by name and refuses a name it already holds, so a
+// name is registered once, with every voiceprint it has.
+bool SpeakerIdentifier::RegisterName(const NamedVoiceprints& speaker, std::string* error) {
+  Impl& impl = *impl_;
+  std::vector<float> flattened;
+  flattened.reserve(speaker.voiceprints.size() * static_cast<size_t>(impl.dim));
+  for (const std::vector<float>* voiceprint : speaker.voiceprints) {
+    flattened.insert(flattened.end(), voiceprint->begin(), voiceprint->end());
+  }
+  const int32_t added = SherpaOnnxSpeakerEmbeddingManagerAddListFlattened(
+      impl.manager.get(), speaker.name.c_str(), flattened.data(),
+      static_cast<int32_t>(speaker.voiceprints.size()));
+  if (added != 1) {
+    *error = "failed to register enrolled speaker '" + speaker.name + "'";
+    return false;
+  }
+  std::vector<std::vector<float>>& copies = impl.embeddings_by_name[speaker.name];
+  for (const std::vector<float>* voiceprint : speaker.voiceprints) copies.push_back(*voiceprint);
+  ++impl.registered_names;
   return true;
 }
 
@@ -268,6 +294,13 @@ bool SpeakerIdentifier::ComputeEmbedding(const std::vector<float>& samples, int 
     return false;
   }
   embedding->assign(computed.get(), computed.get() + impl_->dim);
+  // Audio holding NaN or infinite samples gives such an embedding; it matches
+  // nobody and must never be enrolled.
+  if (!std::all_of(embedding->begin(), embedding->end(), [](float v) { return std::isfinite(v); })) {
+    embedding->clear();
+    *error = "speaker embedding is not finite (the audio holds samples that are not numbers)";
+    return false;
+  }
   return true;
 }
 

@@ -8,6 +8,19 @@
 
 namespace kerrow {
 
+struct EnrollEntry;
+
+// The voiceprints of every enrolled speaker of one name, pointing into the
+// entries they were gathered from.
+struct NamedVoiceprints {
+  std::string name;
+  std::vector<const std::vector<float>*> voiceprints;
+};
+
+// The entries' voiceprints pooled by name, names in order of first appearance;
+// entries without voiceprints are left out.
+std::vector<NamedVoiceprints> GroupVoiceprintsByName(const std::vector<EnrollEntry>& entries);
+
 struct SpeakerIdentifierOptions {
   std::string model;      // speaker embedding model (.onnx)
   std::string enroll_db;  // enrollment database; empty: nobody is enrolled
@@ -44,8 +57,9 @@ class SpeakerIdentifier {
 
  private:
   struct Impl;
-  // Registers every enrolled speaker of the database in the manager.
+  // Registers every enrolled name of the database in the manager.
   bool LoadEnrolledSpeakers(const std::string& enroll_db, std::string* error);
+  bool RegisterName(const NamedVoiceprints& speaker, std::string* error);
 
   std::unique_ptr<Impl> impl_;
 };

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -212,14 +213,63 @@ TEST(SpeakerIdentifier, EnrollDbOfDimensionThreeFailsWithTheRebuildMessage) {
             "enroll DB dim (3) != model dim (128); rebuild enrollment with the same model");
 }
 
-TEST(SpeakerIdentifier, TwoEnrolledSpeakersSharingANameCannotBothBeRegistered) {
+// Each registration under a name without an id makes another entry of that
+// name; together they are one speaker, scored against all their voiceprints.
+TEST(SpeakerIdentifier, SpeakersSharingANameAreOneNameWithAllTheirVoiceprints) {
   TempDir dir;
   const std::string db = dir.File("shared.db");
   const std::vector<float> a = EmbeddingOfClip("a_enroll.wav");
   const std::vector<float> b = EmbeddingOfClip("b_enroll.wav");
   Enroll(db, "Sam", a);
+  Enroll(db, "Kim", EmbeddingOfClip("a_test.wav"));
   Enroll(db, "Sam", b);
-  EXPECT_EQ(InitError(TrainedOptions(db)), "failed to register enrolled speaker 'Sam'");
+  std::string error;
+
+  SpeakerIdentifier scorer;
+  ASSERT_TRUE(scorer.Init(TrainedOptions(db, 1.5f), &error)) << error;
+  EXPECT_TRUE(scorer.IsReady());
+  float score = 0.0f;
+  const std::vector<float> query_b = EmbeddingOfClip("b_test.wav");
+  EXPECT_EQ(scorer.Identify(LoadWavForTest(DialogClip("b_test.wav")), kRate, &score), "");
+  std::vector<float> mean(a.size());
+  for (size_t i = 0; i < a.size(); ++i) mean[i] = (a[i] + b[i]) * 0.5f;
+  EXPECT_NEAR(score, Cosine(query_b, mean), 1e-5);
+
+  SpeakerIdentifier identifier;
+  ASSERT_TRUE(identifier.Init(TrainedOptions(db, 0.3f), &error)) << error;
+  EXPECT_EQ(identifier.Identify(LoadWavForTest(DialogClip("b_test.wav")), kRate, &score), "Sam");
+  EXPECT_NEAR(score, Cosine(query_b, mean), 1e-5);
+}
+
+TEST(SpeakerIdentifier, VoiceprintsArePooledByNameInOrderOfFirstAppearance) {
+  const std::vector<EnrollEntry> entries = {
+      {"id-1", "Sam", {{"", {1, 0}}}},
+      {"id-2", "Kim", {{"", {0, 1}}}},
+      {"id-3", "Nobody", {}},
+      {"id-4", "Sam", {{"", {2, 0}}, {"", {3, 0}}}},
+  };
+  const std::vector<NamedVoiceprints> pooled = GroupVoiceprintsByName(entries);
+  ASSERT_EQ(pooled.size(), 2u);
+  EXPECT_EQ(pooled[0].name, "Sam");
+  ASSERT_EQ(pooled[0].voiceprints.size(), 3u);
+  EXPECT_EQ(*pooled[0].voiceprints[2], (std::vector<float>{3, 0}));
+  EXPECT_EQ(pooled[1].name, "Kim");
+  EXPECT_EQ(pooled[1].voiceprints.size(), 1u);
+}
+
+// A recording of NaN samples has no voiceprint.
+TEST(SpeakerIdentifier, NanAudioGivesNoEmbedding) {
+  SpeakerIdentifier identifier;
+  std::string error;
+  ASSERT_TRUE(identifier.Init(TrainedOptions(), &error)) << error;
+  std::vector<float> nan_audio(kRate * 2, std::numeric_limits<float>::quiet_NaN());
+  std::vector<float> embedding;
+  EXPECT_FALSE(identifier.ComputeEmbedding(nan_audio, kRate, &embedding, &error));
+  EXPECT_EQ(error, "speaker embedding is not finite (the audio holds samples that are not numbers)");
+  EXPECT_TRUE(embedding.empty());
+  float score = -1.0f;
+  EXPECT_EQ(identifier.Identify(nan_audio, kRate, &score), "");
+  EXPECT_EQ(score, 0.0f);
 }
 
 TEST(SpeakerIdentifier, EnrolledVoicesAreRecognisedOnOtherSentences) {
