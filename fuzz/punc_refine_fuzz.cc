@@ -83,7 +83,9 @@ void CheckKeepsWords(const char* path, const std::string& input, const std::stri
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider input(data, size);
   const std::string text = input.ConsumeRandomLengthString(512);
-  std::string context = input.ConsumeRandomLengthString(64);
+  // The live path punctuates each segment with the end of the one before it
+  // in front; that context is what the previous call left behind.
+  const std::string previous = input.ConsumeRandomLengthString(128);
   const int context_codepoints = input.ConsumeIntegralInRange<int>(-1, 12);
   const bool is_final = input.ConsumeBool();
   const std::vector<uint8_t> script = input.ConsumeRemainingBytes<uint8_t>();
@@ -92,8 +94,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   kerrow::PuncBackend punc;
   punc.Init(kerrow::PuncInitOptions{}, nullptr);
   CheckKeepsWords("RefineTextWithPunc", text, kerrow::RefineTextWithPunc(&punc, nullptr, text));
-  CheckKeepsWords("RefineRealtimeTextWithPunc", text, kerrow::RefineRealtimeTextWithPunc(&punc, nullptr, text, is_final));
-  CheckKeepsWords("ApplyRealtimePunc", text,
+  CheckKeepsWords("RefineRealtimeTextWithPunc", text,
+                  kerrow::RefineRealtimeTextWithPunc(&punc, nullptr, text, is_final));
+  std::string context;
+  CheckKeepsWords("ApplyRealtimePunc", previous,
+                  kerrow::ApplyRealtimePunc(&punc, nullptr, previous, &context, context_codepoints, false));
+  if (!kerrow::StrictJson::IsValidUtf8(previous)) return 0;
+  CheckKeepsWords("ApplyRealtimePunc after another segment", text,
                   kerrow::ApplyRealtimePunc(&punc, nullptr, text, &context, context_codepoints, is_final));
   return 0;
 }

@@ -15,7 +15,7 @@ seconds=${KERROW_FUZZ_SECONDS:-60}
 jobs=$(nproc)
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
+  -DCMAKE_CXX_COMPILER=clang++-14 \
   -DKERROW_BUILD_FUZZERS=ON -DKERROW_BUILD_TESTS=OFF >/dev/null
 cmake --build "$build" -j"$jobs" --target kerrow_fuzzers
 [ "$seconds" = "0" ] && exit 0
