@@ -125,6 +125,15 @@ void ExpectDialogLabels(const std::string& result, const std::string& voice_a, c
   }
 }
 
+// Enrolls the dialog's voice A as "Ada" and voice B as "Bert".
+void EnrollAdaAndBert(const std::string& db) {
+  for (const auto& [name, clip] : {std::pair<std::string, std::string>{"Ada", "a_enroll.wav"}, {"Bert", "b_enroll.wav"}}) {
+    const ProcessResult enrolled = RunKerrow({"--register-name", name, "--register-input", Dialog(clip),
+                                              "--speaker-embedding-model", EmbeddingModel(), "--speaker-enroll-db", db});
+    ASSERT_EQ(enrolled.exit_status, 0) << JoinLines(enrolled.stdout_lines);
+  }
+}
+
 bool ProcessIsGone(pid_t pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
 
 TEST(DiarizationHelper, KerrowDiarizeLabelsTheSpeakersOfAWavInput) {
@@ -149,11 +158,7 @@ TEST(DiarizationHelper, EnrolledVoicesNameTheSpeakersDiarizedByKerrowDiarize) {
   HelperModelDir models;
   TempDir db_dir;
   const std::string db = db_dir.File("speakers.db");
-  for (const auto& [name, clip] : {std::pair<std::string, std::string>{"Ada", "a_enroll.wav"}, {"Bert", "b_enroll.wav"}}) {
-    const ProcessResult enrolled = RunKerrow({"--register-name", name, "--register-input", Dialog(clip),
-                                              "--speaker-embedding-model", EmbeddingModel(), "--speaker-enroll-db", db});
-    ASSERT_EQ(enrolled.exit_status, 0) << JoinLines(enrolled.stdout_lines);
-  }
+  ASSERT_NO_FATAL_FAILURE(EnrollAdaAndBert(db));
   const ProcessResult r = RunKerrow(Concat(DialogThroughHelperArgs(models.path()),
                                            {"--speaker-id", "--speaker-embedding-model", EmbeddingModel(),
                                             "--speaker-enroll-db", db}));
@@ -229,6 +234,37 @@ TEST(DiarizationHelper, AfterTheHelperDiesLaterLiveCapturesAreTranscribedWithout
   EXPECT_LT(skipped, results[1]);
   for (const int result : results) {
     EXPECT_EQ(lines[result].find("\"speaker\""), std::string::npos) << lines[result];
+  }
+}
+
+// A live capture in manual-realtime mode with --offline-2pass: "stop" decodes
+// the whole capture, kerrow-diarize diarizes it, and the enrolled names reach
+// its segments.
+TEST(DiarizationHelper, ALiveOffline2passStopThroughKerrowDiarizeCarriesEnrolledNames) {
+  HelperModelDir models;
+  TempDir db_dir;
+  const std::string db = db_dir.File("speakers.db");
+  ASSERT_NO_FATAL_FAILURE(EnrollAdaAndBert(db));
+  auto process = StartLive(Concat(Concat(ManualRealtimeArgs(), {"--offline-2pass"}),
+                                  {"--diarization", "--diarization-helper-binary", KERROW_DIARIZE_BINARY,
+                                   "--diarization-model", models.path(), "--speaker-id",
+                                   "--speaker-embedding-model", EmbeddingModel(), "--speaker-enroll-db", db}));
+  ASSERT_TRUE(StartCaptureAndWait(process.get(), 1)) << JoinLines(process->Lines());
+  // Voice A's first turn and voice B's first turn, then silence that a stop
+  // arriving before the pipe is drained may cut without losing speech.
+  const std::vector<float> dialog = LoadWavForTest(Dialog("two-voices-dialog.wav"));
+  const std::vector<float> two_turns(dialog.begin(), dialog.begin() + 11 * 16000);
+  ASSERT_TRUE(process->WriteAudioS16(Join(two_turns, SilenceSeconds(2.5))));
+  process->WriteCommand("stop");
+  const int result = WaitForOffline2passResult(process.get(), 0);
+  ASSERT_GE(result, 0) << JoinLines(process->Lines());
+  QuitAndExpectCleanEnd(process.get());
+  const std::vector<LabelledSpan> segments = ResultSegments(process->Lines()[result]);
+  ASSERT_FALSE(segments.empty()) << process->Lines()[result];
+  EXPECT_EQ(segments.front().label, "Ada") << process->Lines()[result];
+  EXPECT_EQ(segments.back().label, "Bert") << process->Lines()[result];
+  for (const LabelledSpan& segment : segments) {
+    EXPECT_TRUE(segment.label == "Ada" || segment.label == "Bert") << segment.label;
   }
 }
 
