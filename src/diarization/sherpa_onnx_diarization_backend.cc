@@ -121,6 +121,44 @@ std::string SpeakerLabel(size_t index) {
   return label;
 }
 
+// Runs the library over the samples and collects its turns. On failure out
+// is left empty.
+bool DiarizeSamples(const SherpaOnnxOfflineSpeakerDiarization* diarizer,
+                    const std::vector<float>& samples,
+                    std::vector<DiarizationSegment>* out, std::string* error) {
+  DiarizationResultHandle result;
+  const char* const kProcess = "SherpaOnnxOfflineSpeakerDiarizationProcess()";
+  if (!CallLibrary(
+          kProcess,
+          [&] {
+            result.reset(SherpaOnnxOfflineSpeakerDiarizationProcess(
+                diarizer, samples.data(),
+                static_cast<int32_t>(samples.size())));
+          },
+          error)) {
+    return false;
+  }
+  if (!result) {
+    SetError(error, std::string(kProcess) + " failed");
+    return false;
+  }
+  // Sorting copies the segments into a new array, which may fail too.
+  const bool sorted = CallLibrary(
+      "SherpaOnnxOfflineSpeakerDiarizationResultSortByStartTime()",
+      [&] {
+        const int32_t count =
+            SherpaOnnxOfflineSpeakerDiarizationResultGetNumSegments(
+                result.get());
+        const DiarizationSegmentsHandle segments(
+            SherpaOnnxOfflineSpeakerDiarizationResultSortByStartTime(
+                result.get()));
+        if (segments) AppendLabelledTurns(segments.get(), count, out);
+      },
+      error);
+  if (!sorted) out->clear();
+  return sorted;
+}
+
 }  // namespace
 
 void AppendLabelledTurns(
@@ -232,28 +270,7 @@ bool SherpaOnnxDiarizationBackend::Process(
     return false;
   }
 
-  DiarizationResultHandle result;
-  const char* const kProcess = "SherpaOnnxOfflineSpeakerDiarizationProcess()";
-  if (!CallLibrary(
-          kProcess,
-          [&] {
-            result.reset(SherpaOnnxOfflineSpeakerDiarizationProcess(
-                diarizer, samples.data(),
-                static_cast<int32_t>(samples.size())));
-          },
-          error)) {
-    return false;
-  }
-  if (!result) {
-    SetError(error, std::string(kProcess) + " failed");
-    return false;
-  }
-  const int32_t count =
-      SherpaOnnxOfflineSpeakerDiarizationResultGetNumSegments(result.get());
-  const DiarizationSegmentsHandle segments(
-      SherpaOnnxOfflineSpeakerDiarizationResultSortByStartTime(result.get()));
-  if (segments) AppendLabelledTurns(segments.get(), count, out);
-  return true;
+  return DiarizeSamples(diarizer, samples, out, error);
 }
 
 std::unique_ptr<DiarizationBackend> MakeSherpaOnnxDiarizationBackend() {
