@@ -274,7 +274,11 @@ bool FluidAudioSubprocessBackend::Process(const std::vector<float>& samples, int
     impl_->ready = false;
     return Fail(error, "write to helper failed: " + SystemError());
   }
-  if (!impl_->ReadReply(out, error)) return false;
+  if (!impl_->ReadReply(out, error)) {
+    // Turns of a reply that never finished are not a diarization of the block.
+    out->clear();
+    return false;
+  }
   std::stable_sort(out->begin(), out->end(),
                    [](const DiarizationSegment& a, const DiarizationSegment& b) {
                      return a.start < b.start;

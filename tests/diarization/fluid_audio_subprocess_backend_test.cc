@@ -315,6 +315,7 @@ TEST(FluidAudioSubprocessBackend, AHelperThatDiesMidRequestFailsThatRequestAndLe
   std::string error;
   EXPECT_FALSE(backend.Process(OneSecondOfTone(), 16000, &turns, &error));
   EXPECT_EQ(error, "diarization helper closed stdout before DONE");
+  EXPECT_TRUE(turns.empty()) << "the turn sent before dying is not kept";
   EXPECT_FALSE(backend.IsReady());
 
   EXPECT_FALSE(backend.Process(OneSecondOfTone(), 16000, &turns, &error));
