@@ -3,7 +3,9 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
+#include <algorithm>
 #include <iostream>
+#include <sstream>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -116,6 +118,17 @@ RealTable MakeRealTable() {
   };
 }
 
+template <typename Table>
+void AppendDescriptions(const Table& table, OptionKind kind,
+                        std::vector<OptionDescription>* out) {
+  const Options defaults;
+  for (const auto& [name, field] : table) {
+    std::ostringstream value;
+    value << std::boolalpha << defaults.*field;
+    out->push_back({std::string(name), kind, value.str()});
+  }
+}
+
 // Walks argv and writes every recognised option into `options`. Returns false
 // with "help" or a missing-value message; unknown arguments are skipped
 // without a word so that a newer host can pass options this build lacks.
@@ -158,6 +171,21 @@ bool ScanArguments(int argc, char** argv, Options* options, std::string* error) 
   }
   return true;
 }
+
+}  // namespace
+
+std::vector<OptionDescription> DescribeOptions() {
+  std::vector<OptionDescription> options;
+  AppendDescriptions(MakeFlagTable(), OptionKind::kFlag, &options);
+  AppendDescriptions(MakeTextTable(), OptionKind::kText, &options);
+  AppendDescriptions(MakeIntTable(), OptionKind::kInteger, &options);
+  AppendDescriptions(MakeRealTable(), OptionKind::kReal, &options);
+  std::sort(options.begin(), options.end(),
+            [](const OptionDescription& a, const OptionDescription& b) { return a.name < b.name; });
+  return options;
+}
+
+namespace {
 
 bool IsOneShotCommand(const Options& options) {
   return !options.register_name.empty() || options.identify_only || options.list_speakers ||

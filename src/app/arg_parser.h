@@ -2,6 +2,7 @@
 #define KERROW_APP_ARG_PARSER_H_
 
 #include <string>
+#include <vector>
 
 #include "app/options.h"
 
@@ -25,6 +26,23 @@ std::string NormalizeFirstModelType(std::string value);
 // Canonical second-pass type ("sensevoice", also spelled "sense-voice", or
 // "whisper"), compared case-insensitively. Empty when not recognised.
 std::string NormalizeSecondType(std::string value);
+
+// How an option takes its value on the command line.
+enum class OptionKind { kFlag, kText, kInteger, kReal };
+
+// One entry of the parser's option tables: the option as spelled on the
+// command line, how it takes its value, and the default of the field it writes
+// as text (empty for an empty text, "false" for a flag, numbers as a stream
+// prints them). The parser does not use this; it is what the protocol
+// reference is checked against, so a new option cannot go undocumented.
+struct OptionDescription {
+  std::string name;
+  OptionKind kind;
+  std::string default_value;
+};
+
+// Every option ParseArgs accepts, ordered by name.
+std::vector<OptionDescription> DescribeOptions();
 
 }  // namespace kerrow
 
