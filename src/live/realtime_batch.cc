@@ -17,12 +17,16 @@ double SampleRateForTimes(const Options& options) {
   return options.sample_rate > 0 ? static_cast<double>(options.sample_rate) : 16000.0;
 }
 
+// Each segment goes in behind its lookback: the VAD opens a segment only once
+// speech is under way, and without the audio before it the first sounds of
+// the utterance would be lost, as the whole-file decode's padding avoids.
 std::vector<float> JoinSegmentAudio(const std::vector<PendingRealtimeSegment>& segments) {
   size_t total = 0;
-  for (const auto& segment : segments) total += segment.samples.size();
+  for (const auto& segment : segments) total += segment.lookback.size() + segment.samples.size();
   std::vector<float> joined;
   joined.reserve(total);
   for (const auto& segment : segments) {
+    joined.insert(joined.end(), segment.lookback.begin(), segment.lookback.end());
     joined.insert(joined.end(), segment.samples.begin(), segment.samples.end());
   }
   return joined;

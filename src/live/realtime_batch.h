@@ -21,6 +21,10 @@ struct PendingRealtimeSegment {
   // Index of its first sample, counted from the start of the capture.
   int32_t start_sample = 0;
   std::vector<float> samples;
+  // The capture's audio just before start_sample (--vad-lookback, not reaching
+  // back into the previous segment), decoded in front of the segment. The
+  // result's times stay those of the segments.
+  std::vector<float> lookback;
 };
 
 // Decodes the segments' audio joined end to end, punctuates the text with the
