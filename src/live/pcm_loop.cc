@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "events/transcript_records.h"
 #include "live/pcm_loop_settings.h"
 #include "live/realtime_batch.h"
+#include "live/recent_audio.h"
 #include "live/single_model_streaming.h"
 #include "offline/manual_segment.h"
 #include "offline/offline_two_pass.h"
@@ -159,6 +161,8 @@ class PcmSession {
   void ResetCaptureState() {
     batches_.Clear();
     streamer_.Reset();
+    recent_audio_.Clear();
+    previous_segment_end_ = 0;
     last_partial_.clear();
     first_chunk_logged_seq_ = 0;
     first_partial_logged_seq_ = 0;
@@ -245,6 +249,7 @@ class PcmSession {
       return;
     }
     if (!options_.single_model_streaming && OnlineReady()) RunFirstPass();
+    if (KeepsRecentAudio()) recent_audio_.Append(chunk_);
     std::string error;
     if (!vad_->AcceptWaveform(chunk_, &error)) Log("VAD accept failed: " + error);
     if (options_.single_model_streaming) {
@@ -255,6 +260,24 @@ class PcmSession {
     }
     VadSegment segment;
     while (vad_->PopSegment(&segment, nullptr)) HandleVadSegment(std::move(segment), "stream");
+    if (KeepsRecentAudio() && !vad_->Detected()) {
+      recent_audio_.ReleaseBefore(recent_audio_.end() - settings_.recent_audio_keep);
+    }
+  }
+
+  // Only the realtime second pass reads the audio before a segment.
+  bool KeepsRecentAudio() const {
+    return !options_.single_model_streaming && settings_.batch_size > 0;
+  }
+
+  // The audio in front of a segment that its decode starts with: --vad-lookback
+  // of it, never reaching back into the previous segment.
+  std::vector<float> TakeLookback(int64_t start, int64_t end) {
+    const int64_t from = std::max(start - settings_.lookback, previous_segment_end_);
+    std::vector<float> lookback = recent_audio_.Copy(from, start);
+    previous_segment_end_ = end;
+    recent_audio_.ReleaseBefore(end);
+    return lookback;
   }
 
   void RunFirstPass() {
@@ -305,6 +328,7 @@ class PcmSession {
       pending.segment_id = id;
       pending.start_sample = static_cast<int32_t>(start);
       pending.samples = std::move(segment.samples);
+      pending.lookback = TakeLookback(start, start + count);
       batches_.Add(std::move(pending));
     } else if (!second_pass_disabled_logged_) {
       Log("[M3] realtime 2pass disabled by config (second_pass_every=0)");
@@ -373,6 +397,10 @@ class PcmSession {
   RealtimeBatchQueue batches_;
   SingleModelStreamer streamer_;
   std::string last_partial_;
+  // The newest captured audio and where the last closed segment ended: the
+  // source of each segment's lookback.
+  RecentAudio recent_audio_;
+  int64_t previous_segment_end_ = 0;
   uint64_t first_chunk_logged_seq_ = 0;
   uint64_t first_partial_logged_seq_ = 0;
 };

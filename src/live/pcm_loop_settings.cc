@@ -12,6 +12,14 @@ namespace {
 // ask for a buffer the process cannot allocate.
 constexpr double kMaxChunkSeconds = 60.0;
 
+// The VAD dates a segment's start back by its minimum speech and two of its
+// 512-sample windows before it reports speech.
+constexpr int64_t kVadWindowSamples = 512;
+// A minimum speech longer than this is not kept for: the VAD would then
+// report hardly anything.
+constexpr double kMaxUnheardSpeechSeconds = 30.0;
+constexpr double kRecentAudioMarginSeconds = 1.0;
+
 // NaN and values not above zero fall back to the default.
 double PositiveOr(double value, double fallback) { return value > 0.0 ? value : fallback; }
 
@@ -34,6 +42,10 @@ PcmLoopSettings ComputePcmLoopSettings(const Options& options) {
                                  SecondsToSamples(PositiveOr(options.single_max_window, 7.0), rate));
   const double min_silence_seconds = options.vad_min_silence >= 0.3 ? options.vad_min_silence : 0.3;
   settings.min_silence = std::max<int64_t>(SecondsToSamples(min_silence_seconds, rate), 1);
+  settings.lookback = SecondsToSamples(std::min(options.vad_lookback, kMaxLiveLookbackSeconds), rate);
+  const double min_speech_seconds = std::min(std::max(options.vad_min_speech, 0.0), kMaxUnheardSpeechSeconds);
+  settings.recent_audio_keep = settings.lookback + SecondsToSamples(min_speech_seconds, rate) +
+                               2 * kVadWindowSamples + SecondsToSamples(kRecentAudioMarginSeconds, rate);
   return settings;
 }
 

@@ -27,7 +27,17 @@ struct PcmLoopSettings {
   int64_t max_window = 112000;
   // Silence after speech that commits the window (--vad-min-silence, at least 0.3 s).
   int64_t min_silence = 8000;
+  // Realtime second pass: the audio decoded in front of each segment
+  // (--vad-lookback, at most kMaxLiveLookbackSeconds, since a live session
+  // cannot keep its whole capture for it).
+  int64_t lookback = 3200;
+  // While the VAD hears no speech, how much of the newest audio the loop
+  // keeps: a segment that has not been detected yet starts at most this far
+  // back (its own minimum speech and two VAD windows), plus its lookback.
+  int64_t recent_audio_keep = 24224;
 };
+
+inline constexpr double kMaxLiveLookbackSeconds = 30.0;
 
 PcmLoopSettings ComputePcmLoopSettings(const Options& options);
 

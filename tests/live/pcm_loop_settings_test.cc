@@ -15,6 +15,9 @@ TEST(PcmLoopSettings, DefaultsAt16k) {
   EXPECT_EQ(settings.trim_keep, 19200);
   EXPECT_EQ(settings.max_window, 112000);
   EXPECT_EQ(settings.min_silence, 8000);
+  EXPECT_EQ(settings.lookback, 3200);
+  // Lookback, the VAD's minimum speech (0.25 s), two 512-sample windows and a second.
+  EXPECT_EQ(settings.recent_audio_keep, 3200 + 4000 + 1024 + 16000);
 }
 
 TEST(PcmLoopSettings, ChunkDurationBelowTwentyMsIsRaisedTo320Samples) {
@@ -56,6 +59,15 @@ TEST(PcmLoopSettings, MinSilenceIsRaisedToPointThreeSeconds) {
   Options options;
   options.vad_min_silence = 0.1;
   EXPECT_EQ(ComputePcmLoopSettings(options).min_silence, 4800);
+}
+
+TEST(PcmLoopSettings, LiveLookbackIsCappedSoThatTheLoopNeverKeepsTheWholeCapture) {
+  Options options;
+  options.vad_lookback = 1e15;
+  options.vad_min_speech = 1e15;
+  const PcmLoopSettings settings = ComputePcmLoopSettings(options);
+  EXPECT_EQ(settings.lookback, 30 * 16000);
+  EXPECT_EQ(settings.recent_audio_keep, 30 * 16000 + 30 * 16000 + 1024 + 16000);
 }
 
 TEST(PcmLoopSettings, SampleRateBelowOneMeans16k) {
