@@ -182,7 +182,11 @@ std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
 }
 
 std::vector<SampleSpan> ChunkFallbackPieces(const VadGroupingLimits& limits) {
-  return SplitIntoPieces({0, limits.total_samples}, limits.max_group_samples);
+  // A maximum speech length past Whisper's window must not hand it a chunk
+  // the library would cut.
+  const int64_t chunk = limits.whisper ? std::min(limits.max_group_samples, limits.max_span_samples)
+                                       : limits.max_group_samples;
+  return SplitIntoPieces({0, limits.total_samples}, chunk);
 }
 
 std::vector<SampleSpan> SplitIntoPieces(const SampleSpan& span,

@@ -53,8 +53,9 @@ struct VadPlanStep {
 std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
                                        const std::vector<SampleSpan>& speech);
 
-// Consecutive pieces of at most max_group_samples covering the whole
-// recording: the decode plan when there is no VAD.
+// Consecutive pieces of at most max_group_samples (and, for Whisper, of at
+// most max_span_samples) covering the whole recording: the decode plan when
+// there is no VAD.
 std::vector<SampleSpan> ChunkFallbackPieces(const VadGroupingLimits& limits);
 
 // Consecutive pieces of at most max_piece_samples (taken as at least 1)

@@ -64,6 +64,19 @@ TEST(RecognizerWindowPieces, SenseVoiceDecodesAnyLengthWhole) {
   EXPECT_TRUE(WindowPieces(Options(), 0).empty());
 }
 
+TEST(ChunkFallbackPieces, WhisperChunksStayInsideTheWindowWhateverTheMaximumSpeechLength) {
+  Options options = WhisperOptions();
+  options.vad_max_speech = 40.0;
+  const std::vector<SampleSpan> pieces =
+      ChunkFallbackPieces(MakeVadGroupingLimits(options, 60 * kSampleRate));
+  ASSERT_EQ(pieces.size(), 3u);
+  EXPECT_THAT(pieces[0], SpanIs(0, 29 * kSampleRate));
+  EXPECT_THAT(pieces[2], SpanIs(58 * kSampleRate, 60 * kSampleRate));
+  // SenseVoice keeps the chunk length it was given.
+  options.second_type = "sensevoice";
+  EXPECT_EQ(ChunkFallbackPieces(MakeVadGroupingLimits(options, 60 * kSampleRate)).size(), 2u);
+}
+
 TEST(DecodeWithinRecognizerWindow, Whisper40SecondsGivesTheTextOfBothPiecesJoined) {
   std::string text;
   std::string error;
