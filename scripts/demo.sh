@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Sets up what the demo needs and transcribes a bundled recording with the
 # bundled trained models: prints kerrow's JSON lines as the host would read
-# them, then the merged transcript.
+# them, then the merged transcript. Then, through scripts/demo_speakers.sh,
+# enrolls the two voices of the bundled dialog and prints the dialog's
+# transcript with their names.
 #
 # Only the kerrow executable is built, in a folder of its own (default
 # build-demo/) configured without the test suites, so the transcript comes
@@ -43,4 +45,8 @@ node -e '
     const event = JSON.parse(line);
     if (event.type === "result" && event.merged_text !== undefined) console.log(event.merged_text);
   }' "$out"
-exit "$status"
+[ "$status" -eq 0 ] || exit "$status"
+
+echo
+echo "=== who said what: diarization and enrolled names ==="
+BUILD_DIR=$build bash "$root/scripts/demo_speakers.sh"
