@@ -6,14 +6,14 @@
 # The executables find lib/ through a run path relative to themselves (set in
 # KerrowDeps.cmake), so the tree keeps working wherever it is moved.
 
-set(kerrow_installed_programs kerrow)
-# Tools that other parts of the tree may or may not define in this build.
+install(TARGETS kerrow RUNTIME DESTINATION bin)
+# The tools ride along when they were built; a build of selected targets (the
+# sanitizer runs build only what they test) still installs the engine.
 foreach(tool kerrow-replay kerrow-diarize)
   if(TARGET ${tool})
-    list(APPEND kerrow_installed_programs ${tool})
+    install(TARGETS ${tool} RUNTIME DESTINATION bin OPTIONAL)
   endif()
 endforeach()
-install(TARGETS ${kerrow_installed_programs} RUNTIME DESTINATION bin)
 
 # Only the two libraries the C API needs: the npm package also carries a Node
 # addon and a C++ wrapper that nothing here loads. A versioned onnxruntime file
