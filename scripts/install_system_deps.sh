@@ -14,6 +14,7 @@ packages=(
   clang-14=1:14.0.6-12
   libclang-rt-14-dev=1:14.0.6-12
   openssl
+  python3   # runs the sample host of examples/ in the tests
 )
 
 missing=()
