@@ -269,7 +269,12 @@ class EnrollDbParser {
     const auto known = index_by_id_.find(block_.id);
     if (known != index_by_id_.end()) {
       const std::string& holder = entries_[static_cast<size_t>(known->second)].name;
-      if (holder == block_.name) return known->second;
+      // Two blocks of one id may be one speaker written twice or two people
+      // given the same id; a reader takes the first, a rewrite cannot tell.
+      if (holder == block_.name) {
+        NoteLoss(block_.id_line, "speaker id " + block_.id + " appears a second time");
+        return known->second;
+      }
       NoteLoss(block_.id_line, "speaker id " + block_.id + " is also the id of speaker '" + holder + "'");
       return AddEntry(block_.id, block_.name);
     }
@@ -675,6 +680,7 @@ bool RemoveEnrollByMd5(const std::string& path, const std::string& md5, bool* fo
   if (found != nullptr) *found = false;
   if (md5.empty()) return Fail(error, "unregister md5 is empty");
   auto remove = [&](int*, std::vector<EnrollEntry>* entries, std::string*) {
+    std::vector<EnrollEntry> kept;
     bool erased_any = false;
     for (EnrollEntry& entry : *entries) {
       auto& samples = entry.samples;
@@ -682,16 +688,18 @@ bool RemoveEnrollByMd5(const std::string& path, const std::string& md5, bool* fo
       samples.erase(std::remove_if(samples.begin(), samples.end(),
                                    [&md5](const EnrollSample& sample) { return sample.md5 == md5; }),
                     samples.end());
-      if (samples.size() == before) continue;
-      erased_any = true;
-      if (name != nullptr) *name = entry.name;
+      const bool lost_some = samples.size() != before;
+      if (lost_some) {
+        erased_any = true;
+        if (name != nullptr) *name = entry.name;
+      }
+      // A speaker this removal left without any voiceprint cannot be
+      // recognised and goes too; one that had none before was not asked about.
+      if (!lost_some || !samples.empty()) kept.push_back(std::move(entry));
     }
     if (!erased_any) return EditOutcome::kLeaveUnchanged;
     if (found != nullptr) *found = true;
-    // Speakers without any voiceprint left cannot be recognised; they go too.
-    entries->erase(std::remove_if(entries->begin(), entries->end(),
-                                  [](const EnrollEntry& entry) { return entry.samples.empty(); }),
-                   entries->end());
+    *entries = std::move(kept);
     return EditOutcome::kWrite;
   };
   return EditEnrollDb(path, remove, error);

@@ -41,10 +41,10 @@ bool LoadEnrollDb(const std::string& path, int* dim, std::vector<EnrollEntry>* e
 
 // Loads as LoadEnrollDb, but fails wherever that would leave something out or
 // have to guess (a voiceprint it cannot read whole, a dim line that contradicts
-// an earlier one, an id shared by two names, an id-less block whose name belongs
-// to several speakers, two ids for one speaker), naming the first such line, and
-// when an existing file cannot be read. What it returns can be written back
-// without losing anything; every edit below loads this way.
+// an earlier one, an id that appears in two blocks, an id-less block whose name
+// belongs to several speakers, two ids for one speaker), naming the first such
+// line, and when an existing file cannot be read. What it returns can be
+// written back without losing anything; every edit below loads this way.
 bool LoadEnrollDbForRewrite(const std::string& path, int* dim,
                             std::vector<EnrollEntry>* entries, std::string* error);
 
@@ -74,8 +74,9 @@ bool RemoveEnrollById(const std::string& path, const std::string& id,
                       std::vector<std::string>* removed_md5s, bool* found,
                       std::string* removed_name, std::string* error);
 
-// Removes every voiceprint with this md5; a speaker left without voiceprints is
-// dropped. *name is the (last) speaker that lost one.
+// Removes every voiceprint with this md5; a speaker this leaves without
+// voiceprints is dropped (one that had none before stays). *name is the (last)
+// speaker that lost one.
 bool RemoveEnrollByMd5(const std::string& path, const std::string& md5, bool* found,
                        std::string* name, std::string* error);
 

@@ -85,6 +85,8 @@ std::vector<FlawCase> FlawCases() {
       {"id of another name", with({"speaker Cy", IdLine(kIdA), EmbLine(kMd5C, "1 1")}),
        std::string("speaker id ") + kIdA + " is also the id of speaker 'Ann'", 10},
       {"second id", with({IdLine(kIdC)}), "second id for speaker 'Ben'", 9},
+      {"id written twice", with({"speaker Ann", IdLine(kIdA), EmbLine(kMd5C, "1 1")}),
+       std::string("speaker id ") + kIdA + " appears a second time", 10},
       {"id-less block of a shared name",
        with({"speaker Ann", IdLine(kIdC), EmbLine(kMd5C, "1 1"), "speaker Ann", "emb - 2 2"}),
        "speaker 'Ann' has no id line and several speakers have that name", 12},
