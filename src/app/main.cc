@@ -4,6 +4,7 @@
 
 #include "app/arg_parser.h"
 #include "app/options.h"
+#include "app/out_of_memory_guard.h"
 #include "app/run.h"
 #include "events/event_emitter.h"
 #include "speaker/identify_only_command.h"
@@ -43,5 +44,12 @@ int main(int argc, char** argv) {
     kerrow::PrintUsage();
     return 1;
   }
-  return Dispatch(options);
+  // The last resort: every action catches what it can report more precisely.
+  int status = 1;
+  if (!kerrow::RunUnlessOutOfMemory([&] { status = Dispatch(options); })) {
+    kerrow::EventEmitter emitter;
+    emitter.EmitError(kerrow::kOutOfMemoryMessage);
+    return 1;
+  }
+  return status;
 }

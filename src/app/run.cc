@@ -1,6 +1,7 @@
 #include "app/run.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -8,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/out_of_memory_guard.h"
 #include "audio/pcm_file_reader.h"
 #include "audio/wav_reader.h"
 #include "diarization/diarization_backend.h"
@@ -205,8 +207,8 @@ bool InitSpeakerId(const Options& options, EventEmitter* emitter, SpeakerIdentif
 }
 
 // Every file, WAV or raw PCM, goes through the whole-recording two-pass decode.
-int RunFileInput(const Options& options, const Components& components, EventEmitter* emitter,
-                 AudioBuffer* audio) {
+int DecodeFileInput(const Options& options, const Components& components, EventEmitter* emitter,
+                    AudioBuffer* audio) {
   const bool is_wav = !options.wav_input.empty();
   const std::string option_name = is_wav ? "--wav-input" : "--pcm-input";
   const std::string kind = is_wav ? "WAV" : "PCM";
@@ -243,17 +245,54 @@ int RunFileInput(const Options& options, const Components& components, EventEmit
   return 0;
 }
 
+// A file decode that runs out of memory ends like any other failed decode.
+int RunFileInput(const Options& options, const Components& components, EventEmitter* emitter,
+                 AudioBuffer* audio) {
+  int status = 1;
+  if (RunUnlessOutOfMemory([&] { status = DecodeFileInput(options, components, emitter, audio); })) return status;
+  {
+    std::lock_guard<std::mutex> lock(audio->mutex);
+    std::vector<float>().swap(audio->capture_samples);
+  }
+  emitter->EmitError(kOutOfMemoryMessage);
+  emitter->EmitComplete("File decode failed");
+  return 1;
+}
+
+// Runs a live session's thread body; running out of memory in it ends the
+// session the way "quit" does, after an error event, with a failed exit status.
+template <typename Body>
+void RunSessionThread(Body body, EventEmitter* emitter, SharedState* state, std::atomic<bool>* out_of_memory) {
+  if (RunUnlessOutOfMemory(body)) return;
+  out_of_memory->store(true);
+  emitter->EmitError(kOutOfMemoryMessage);
+  state->quit.store(true);
+}
+
 int RunLiveSession(const Options& options, const Components& components, EventEmitter* emitter,
                    SharedState* state, AudioBuffer* audio) {
-  std::thread command_thread(CommandLoop, std::cref(options), components.decoder, components.punc,
-                             components.diarization, components.speaker_id, emitter, state, audio);
-  std::thread pcm_thread(PcmLoop, std::cref(options), components.online, components.decoder, components.punc,
-                         components.vad, components.diarization, components.speaker_id, emitter, state, audio);
+  std::atomic<bool> out_of_memory{false};
+  std::thread command_thread([&] {
+    RunSessionThread(
+        [&] {
+          CommandLoop(options, components.decoder, components.punc, components.diarization, components.speaker_id,
+                      emitter, state, audio);
+        },
+        emitter, state, &out_of_memory);
+  });
+  std::thread pcm_thread([&] {
+    RunSessionThread(
+        [&] {
+          PcmLoop(options, components.online, components.decoder, components.punc, components.vad,
+                  components.diarization, components.speaker_id, emitter, state, audio);
+        },
+        emitter, state, &out_of_memory);
+  });
   while (!state->quit.load()) std::this_thread::sleep_for(kQuitPollInterval);
   if (command_thread.joinable()) command_thread.join();
   if (pcm_thread.joinable()) pcm_thread.join();
   emitter->EmitComplete("Session ended (partial M2)");
-  return 0;
+  return out_of_memory.load() ? 1 : 0;
 }
 
 }  // namespace

@@ -178,6 +178,7 @@ bool KerrowProcess::Start(std::string* error) {
   launch.args = config_.args;
   launch.audio_fd = config_.audio_fd;
   launch.working_dir = config_.working_dir;
+  launch.address_space_limit_bytes = config_.address_space_limit_bytes;
   return child_->Start(launch, error);
 }
 

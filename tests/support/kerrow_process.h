@@ -45,6 +45,7 @@ class KerrowProcess {
     int audio_fd = 3;          // descriptor number of the audio pipe in the child; -1 = none
     std::string working_dir;   // empty = inherit
     std::string binary;        // empty = KERROW_BINARY
+    unsigned long long address_space_limit_bytes = 0;  // RLIMIT_AS of the child; 0 = inherit
   };
 
   explicit KerrowProcess(Config config);

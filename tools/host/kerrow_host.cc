@@ -59,6 +59,7 @@ struct ChildPlan {
   int audio_fd = -1;
   int exec_error_write = -1;
   long max_fd = 1024;
+  unsigned long long address_space_limit_bytes = 0;  // 0 = inherit
 };
 
 void CloseFdRange(int first, long last, long max_fd) {
@@ -105,6 +106,11 @@ void CloseFdRange(int first, long last, long max_fd) {
   }
 
   if (plan.working_dir != nullptr && chdir(plan.working_dir) != 0) FailInChild(error_fd);
+  if (plan.address_space_limit_bytes != 0) {
+    const rlimit limit{static_cast<rlim_t>(plan.address_space_limit_bytes),
+                       static_cast<rlim_t>(plan.address_space_limit_bytes)};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) FailInChild(error_fd);
+  }
 
   // Nothing but the four streams may leak into kerrow: an inherited write end of
   // another child's pipe would keep that pipe from ever reaching end of file.
@@ -206,6 +212,7 @@ bool ChildProcess::Start(const LaunchConfig& launch, std::string* error) {
   plan.exec_error_write = exec_pipe[1];
   const long open_max = sysconf(_SC_OPEN_MAX);
   plan.max_fd = open_max > 0 ? open_max : 1024;
+  plan.address_space_limit_bytes = launch.address_space_limit_bytes;
 
   const pid_t pid = fork();
   if (pid == 0) RunChild(plan);

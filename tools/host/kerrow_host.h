@@ -24,6 +24,9 @@ struct LaunchConfig {
   std::vector<std::string> args;  // without argv[0]; the binary path is passed as argv[0]
   int audio_fd = -1;              // descriptor number of the audio pipe in the child; -1 = none
   std::string working_dir;        // empty = inherit
+  // When non-zero, the child's address space is capped at this many bytes
+  // (RLIMIT_AS, what `ulimit -v` sets) before exec, as a host may do.
+  unsigned long long address_space_limit_bytes = 0;
 };
 
 // Exit status reported when the child was killed because a wait timed out.
