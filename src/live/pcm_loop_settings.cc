@@ -40,8 +40,6 @@ PcmLoopSettings ComputePcmLoopSettings(const Options& options) {
   settings.trim_keep = SecondsToSamples(PositiveOr(options.single_trim_keep, 1.0), rate);
   settings.max_window = std::max(settings.trim_cap + settings.trim_keep + 1,
                                  SecondsToSamples(PositiveOr(options.single_max_window, 7.0), rate));
-  const double min_silence_seconds = options.vad_min_silence >= 0.3 ? options.vad_min_silence : 0.3;
-  settings.min_silence = std::max<int64_t>(SecondsToSamples(min_silence_seconds, rate), 1);
   settings.lookback = SecondsToSamples(std::min(options.vad_lookback, kMaxLiveLookbackSeconds), rate);
   const double min_speech_seconds = std::min(std::max(options.vad_min_speech, 0.0), kMaxUnheardSpeechSeconds);
   settings.recent_audio_keep = settings.lookback + SecondsToSamples(min_speech_seconds, rate) +

@@ -25,8 +25,6 @@ struct PcmLoopSettings {
   int64_t trim_cap = 48000;
   int64_t trim_keep = 19200;
   int64_t max_window = 112000;
-  // Silence after speech that commits the window (--vad-min-silence, at least 0.3 s).
-  int64_t min_silence = 8000;
   // Realtime second pass: the audio decoded in front of each segment
   // (--vad-lookback, at most kMaxLiveLookbackSeconds, since a live session
   // cannot keep its whole capture for it).

@@ -7,6 +7,7 @@
 #include "events/event_emitter.h"
 #include "events/segment_result.h"
 #include "events/transcript_records.h"
+#include "live/token_word_start.h"
 
 namespace kerrow {
 
@@ -33,10 +34,11 @@ size_t StableCommitEnd(const std::vector<std::string>& previous_tokens,
                        int64_t newest_allowed) {
   const size_t stable = CommonPrefixLength(previous_tokens, tokens);
   size_t end = committed;
-  for (size_t k = committed + 1; k <= tokens.size(); ++k) {
+  for (size_t k = committed + 1; k < tokens.size(); ++k) {
     if (k > stable) break;
     if (k >= boundaries.size() || boundaries[k] > newest_allowed) break;
-    end = k;
+    // Ending anywhere else would cut a word in two results.
+    if (TokenStartsWord(tokens[k])) end = k;
   }
   return end;
 }
@@ -105,9 +107,10 @@ void SingleModelStreamer::OnChunk(bool speech_detected) {
     DecodePartial(capture_length);
   }
 
+  // The VAD lowers its flag only after its own minimum silence: the utterance
+  // has ended now, and waiting any longer would only delay its result.
   if (!speech_detected && speech_active_ && last_speech_position_ > window_start_ &&
-      last_speech_position_ <= capture_length &&
-      capture_length - last_speech_position_ >= settings_.min_silence) {
+      last_speech_position_ <= capture_length) {
     CommitAll(last_speech_position_);
     speech_active_ = false;
   }
@@ -175,7 +178,28 @@ void SingleModelStreamer::CapWindow(const std::vector<std::string>& tokens,
     last_partial_.clear();
     return;
   }
+  if (CommitUpToLastWordStart(tokens, timestamps)) return;
   CommitAll(capture_length);
+}
+
+bool SingleModelStreamer::CommitUpToLastWordStart(const std::vector<std::string>& tokens,
+                                                  const std::vector<float>& timestamps) {
+  if (timestamps.size() != tokens.size()) return false;
+  size_t word_start = tokens.size();
+  for (size_t k = tokens.size(); k-- > committed_tokens_ + 1;) {
+    if (TokenStartsWord(tokens[k])) {
+      word_start = k;
+      break;
+    }
+  }
+  if (word_start == tokens.size()) return false;
+  // The window is full and nothing is stable: commit the words that are
+  // complete rather than cutting the window (and a word) at the newest audio.
+  const int64_t start = TokenSamplePosition(timestamps[committed_tokens_]);
+  const int64_t end = TokenSamplePosition(timestamps[word_start]);
+  EmitCommitted(JoinTokens(tokens, committed_tokens_, word_start), start, end);
+  RestartWindowAt(end);
+  return true;
 }
 
 void SingleModelStreamer::CommitAtStop() {

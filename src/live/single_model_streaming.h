@@ -17,10 +17,10 @@ class OfflineDecoderBackend;
 
 // How far a rolling commit may reach, given the token lists of the last two
 // decodes of the window. Tokens [committed, K) may be committed when they were
-// identical in both decodes and the token after them starts at or before
-// `newest_allowed` (`boundaries[k]` is where token k starts, or the capture
-// length for k == token count). Returns K; K == committed means nothing may be
-// committed yet.
+// identical in both decodes, the token after them starts at or before
+// `newest_allowed` (`boundaries[k]` is where token k starts) and begins a new
+// word (TokenStartsWord). Returns K; K == committed means nothing may be
+// committed yet: a chunk that cannot end on a word boundary waits.
 size_t StableCommitEnd(const std::vector<std::string>& previous_tokens,
                        const std::vector<std::string>& tokens,
                        const std::vector<int64_t>& boundaries, size_t committed,
@@ -65,6 +65,8 @@ class SingleModelStreamer {
                           const std::vector<float>& timestamps, int64_t capture_length);
   void CapWindow(const std::vector<std::string>& tokens, const std::vector<float>& timestamps,
                  int64_t capture_length);
+  bool CommitUpToLastWordStart(const std::vector<std::string>& tokens,
+                               const std::vector<float>& timestamps);
   void CommitAll(int64_t end);
   void RestartWindowAt(int64_t position);
   void EmitCommitted(const std::string& text, int64_t start, int64_t end);

@@ -14,7 +14,6 @@ TEST(PcmLoopSettings, DefaultsAt16k) {
   EXPECT_EQ(settings.trim_cap, 48000);
   EXPECT_EQ(settings.trim_keep, 19200);
   EXPECT_EQ(settings.max_window, 112000);
-  EXPECT_EQ(settings.min_silence, 8000);
   EXPECT_EQ(settings.lookback, 3200);
   // Lookback, the VAD's minimum speech (0.25 s), two 512-sample windows and a second.
   EXPECT_EQ(settings.recent_audio_keep, 3200 + 4000 + 1024 + 16000);
@@ -53,12 +52,6 @@ TEST(PcmLoopSettings, NonPositiveKeepAndWindowFallBackToDefaults) {
   const PcmLoopSettings settings = ComputePcmLoopSettings(options);
   EXPECT_EQ(settings.trim_keep, 16000);
   EXPECT_EQ(settings.max_window, 112000);
-}
-
-TEST(PcmLoopSettings, MinSilenceIsRaisedToPointThreeSeconds) {
-  Options options;
-  options.vad_min_silence = 0.1;
-  EXPECT_EQ(ComputePcmLoopSettings(options).min_silence, 4800);
 }
 
 TEST(PcmLoopSettings, LiveLookbackIsCappedSoThatTheLoopNeverKeepsTheWholeCapture) {
