@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <cmath>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -260,14 +259,18 @@ TEST(FluidAudioSubprocessBackend, SendsTheAudioAsAFloatWavNamedInOneRequestLine)
   ASSERT_TRUE(backend.Process(samples, 16000, &turns, &error)) << error;
   EXPECT_TRUE(turns.empty());
 
+  // {"input":"/tmp/fluiddiar-XXXXXX.wav"} and a newline, XXXXXX from mkstemp.
   const std::string request = ReadFileBytes(dir.File("requests"));
-  std::smatch match;
-  ASSERT_TRUE(std::regex_match(
-      request, match, std::regex("\\{\"input\":\"(/tmp/fluiddiar-[A-Za-z0-9]{6})\\.wav\"\\}\n")))
+  const std::string prefix = "{\"input\":\"";
+  const std::string suffix = ".wav\"}\n";
+  ASSERT_EQ(request.size(), prefix.size() + std::string("/tmp/fluiddiar-XXXXXX").size() + suffix.size())
       << request;
+  EXPECT_EQ(request.substr(0, prefix.size() + 15), prefix + "/tmp/fluiddiar-") << request;
+  EXPECT_EQ(request.substr(request.size() - suffix.size()), suffix) << request;
+  const std::string reserved_name = request.substr(prefix.size(), 21);
   // Both the WAV and the name reserved for it are gone once the reply is in.
-  EXPECT_FALSE(FileExists(match[1].str() + ".wav"));
-  EXPECT_FALSE(FileExists(match[1].str()));
+  EXPECT_FALSE(FileExists(reserved_name + ".wav"));
+  EXPECT_FALSE(FileExists(reserved_name));
 
   const std::string wav = ReadFileBytes(dir.File("request.wav"));
   ASSERT_EQ(wav.size(), 44u + 4u * samples.size());

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -86,14 +85,24 @@ std::vector<std::string> LinesBefore(const std::vector<std::string>& lines, cons
   return before;
 }
 
+// The number after `key` in text, from position `from` on; -1 when absent.
+double NumberAfter(const std::string& text, const std::string& key, size_t from) {
+  const size_t at = text.find(key, from);
+  return at == std::string::npos ? -1.0 : std::stod(text.substr(at + key.size()));
+}
+
 // The labelled segments of a result record, in order.
 std::vector<LabelledSpan> ResultSegments(const std::string& result) {
-  const std::regex segment(
-      "\\{\"start_time\":([0-9.]+),\"end_time\":([0-9.]+),\"start_ms\":\\d+,\"end_ms\":\\d+,"
-      "\"text\":\"[^\"]*\",\"speaker\":\"([^\"]*)\"\\}");
   std::vector<LabelledSpan> spans;
-  for (std::sregex_iterator it(result.begin(), result.end(), segment), end; it != end; ++it) {
-    spans.push_back({std::stod((*it)[1]), std::stod((*it)[2]), (*it)[3]});
+  const std::string speaker_key = "\"speaker\":\"";
+  for (size_t at = result.find("{\"start_time\":"); at != std::string::npos;
+       at = result.find("{\"start_time\":", at + 1)) {
+    const size_t segment_end = result.find('}', at);
+    const size_t speaker = result.find(speaker_key, at);
+    if (speaker == std::string::npos || speaker > segment_end) continue;
+    const size_t label_start = speaker + speaker_key.size();
+    spans.push_back({NumberAfter(result, "\"start_time\":", at), NumberAfter(result, "\"end_time\":", at),
+                     result.substr(label_start, result.find('"', label_start) - label_start)});
   }
   return spans;
 }
