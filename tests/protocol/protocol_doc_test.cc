@@ -1,7 +1,7 @@
 // Re-runs every example of docs/protocol.md the way the host would and
 // compares what the binary prints with the lines the document shows, so the
-// reference cannot drift from the program. Each example is an HTML comment
-// holding the run (arguments, then steps) followed by a json block of lines.
+// reference cannot drift from the program. Each example is a "run" block
+// (arguments, then steps) followed by a json block of lines.
 // Timings and generated speaker ids differ from run to run and are masked;
 // [SESSION-DIAG] lines interleave between threads and are left out.
 
@@ -45,12 +45,12 @@ std::vector<std::string> SplitWords(const std::string& text) {
   return words;
 }
 
-// Reads the example comment's body up to "-->", then the json block after it.
+// Reads the run block's body up to its closing fence, then the json block after it.
 DocExample ReadExample(std::istream& doc, const std::string& title) {
   DocExample example;
   example.title = title;
   std::string line;
-  while (std::getline(doc, line) && line != "-->") {
+  while (std::getline(doc, line) && line != "```") {
     if (line.rfind("args: ", 0) == 0) {
       example.args = SplitWords(line.substr(6));
     } else if (line.rfind("exit: ", 0) == 0) {
@@ -72,7 +72,7 @@ std::vector<DocExample> ReadDocExamples() {
   std::string title;
   while (std::getline(doc, line)) {
     if (line.rfind("### ", 0) == 0) title = line.substr(4);
-    if (line == "<!-- example") examples.push_back(ReadExample(doc, title));
+    if (line == "```run") examples.push_back(ReadExample(doc, title));
   }
   return examples;
 }
