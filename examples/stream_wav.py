@@ -94,12 +94,14 @@ class Session:
     def start_capture(self):
         """Sends "start" and waits until kerrow has taken the new capture up.
 
-        On taking up a "start", kerrow drops the PCM bytes it has read but not
-        yet used, so audio meant for the new capture is written only after
-        both of its take-up lines: the carry-over cleared and the session reset.
+        On taking up a "start", kerrow empties the captured audio and drops
+        the PCM bytes it has read but not yet used, so audio meant for the new
+        capture is written only after all three take-up lines: the capture
+        started, the carry-over cleared and the session reset.
         """
         self.captures += 1
-        pending = {"[SESSION-DIAG] pcm-pending-cleared ",
+        pending = {"Capture started",
+                   "[SESSION-DIAG] pcm-pending-cleared ",
                    f"[SESSION-DIAG] session-reset-consumed seq={self.captures} "}
 
         def taken_up(event):
