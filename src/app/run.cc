@@ -207,8 +207,7 @@ bool InitSpeakerId(const Options& options, EventEmitter* emitter, SpeakerIdentif
 }
 
 // Every file, WAV or raw PCM, goes through the whole-recording two-pass decode.
-int DecodeFileInput(const Options& options, const Components& components, EventEmitter* emitter,
-                    AudioBuffer* audio) {
+int DecodeFileInput(const Options& options, const Components& components, EventEmitter* emitter) {
   const bool is_wav = !options.wav_input.empty();
   const std::string option_name = is_wav ? "--wav-input" : "--pcm-input";
   const std::string kind = is_wav ? "WAV" : "PCM";
@@ -227,16 +226,11 @@ int DecodeFileInput(const Options& options, const Components& components, EventE
     emitter->EmitComplete("File decode failed");
     return 1;
   }
-  {
-    // The whole-recording decode takes the capture buffer, as it does for a
-    // live capture at "stop".
-    std::lock_guard<std::mutex> lock(audio->mutex);
-    audio->capture_samples = std::move(samples);
-  }
-
+  // The decode reads the samples where they are: a file has no live session
+  // appending to a capture buffer, so one copy of the recording is all it takes.
   emitter->EmitLog(kind + " input: using unified offline_2pass decode path");
-  if (!DecodeAndEmitOffline2PassFull(options, components.decoder, components.punc, components.diarization,
-                                     components.speaker_id, emitter, audio)) {
+  if (!DecodeAndEmitOffline2PassSamples(options, components.decoder, components.punc, components.diarization,
+                                        components.speaker_id, emitter, samples)) {
     emitter->EmitError("File decode failed");
     emitter->EmitComplete("File decode failed");
     return 1;
@@ -246,14 +240,9 @@ int DecodeFileInput(const Options& options, const Components& components, EventE
 }
 
 // A file decode that runs out of memory ends like any other failed decode.
-int RunFileInput(const Options& options, const Components& components, EventEmitter* emitter,
-                 AudioBuffer* audio) {
+int RunFileInput(const Options& options, const Components& components, EventEmitter* emitter) {
   int status = 1;
-  if (RunUnlessOutOfMemory([&] { status = DecodeFileInput(options, components, emitter, audio); })) return status;
-  {
-    std::lock_guard<std::mutex> lock(audio->mutex);
-    std::vector<float>().swap(audio->capture_samples);
-  }
+  if (RunUnlessOutOfMemory([&] { status = DecodeFileInput(options, components, emitter); })) return status;
   emitter->EmitError(kOutOfMemoryMessage);
   emitter->EmitComplete("File decode failed");
   return 1;
@@ -341,7 +330,7 @@ int Run(const Options& options) {
   emitter.EmitReady();
 
   if (!options.wav_input.empty() || !options.pcm_input.empty()) {
-    return RunFileInput(options, components, &emitter, &audio);
+    return RunFileInput(options, components, &emitter);
   }
   return RunLiveSession(options, components, &emitter, &state, &audio);
 }

@@ -80,6 +80,20 @@ struct PipelineRun {
   }
 };
 
+// Moves the bounds of every segment the detector has closed into speech.
+void TakeClosedSegments(VadBackend* vad, int64_t total_samples,
+                        std::vector<SampleSpan>* speech) {
+  VadSegment segment;
+  std::string error;
+  while (vad->PopSegment(&segment, &error)) {
+    if (segment.samples.empty()) continue;
+    const int64_t start = std::max<int64_t>(segment.start, 0);
+    const int64_t end = std::min<int64_t>(
+        start + static_cast<int64_t>(segment.samples.size()), total_samples);
+    speech->push_back({start, end});
+  }
+}
+
 // Runs the VAD over the whole recording. False means "decode in fixed chunks
 // instead": no VAD model, or the VAD failed (which is logged).
 bool FindSpeech(const PipelineRun& run, std::vector<SampleSpan>* speech) {
@@ -108,35 +122,31 @@ bool FindSpeech(const PipelineRun& run, std::vector<SampleSpan>* speech) {
     return false;
   }
 
-  // Fed in 100 ms blocks, as live audio would arrive.
+  // Fed in 100 ms blocks, as live audio would arrive. Segments are taken off
+  // the detector's queue as soon as it closes them: only their bounds are
+  // kept, so their samples never pile up in the queue.
   const size_t block = static_cast<size_t>(
       std::max<int32_t>(options.sample_rate / 10, 1));
   const std::vector<float>& samples = run.samples;
+  const int64_t total = static_cast<int64_t>(samples.size());
+  std::vector<float> chunk;
+  chunk.reserve(block);
   for (size_t pos = 0; pos < samples.size(); pos += block) {
     const size_t end = std::min(pos + block, samples.size());
-    const std::vector<float> chunk(samples.begin() + pos,
-                                   samples.begin() + end);
+    chunk.assign(samples.begin() + pos, samples.begin() + end);
     if (!vad.AcceptWaveform(chunk, &error)) {
       run.Log("offline_2pass VAD accept failed, fallback to chunk decode: " +
               error);
       return false;
     }
+    TakeClosedSegments(&vad, total, speech);
   }
   if (!vad.Flush(&error)) {
     run.Log("offline_2pass VAD flush failed, fallback to chunk decode: " +
             error);
     return false;
   }
-
-  const int64_t total = static_cast<int64_t>(samples.size());
-  VadSegment segment;
-  while (vad.PopSegment(&segment, &error)) {
-    if (segment.samples.empty()) continue;
-    const int64_t start = std::max<int64_t>(segment.start, 0);
-    const int64_t end = std::min<int64_t>(
-        start + static_cast<int64_t>(segment.samples.size()), total);
-    speech->push_back({start, end});
-  }
+  TakeClosedSegments(&vad, total, speech);
   return true;
 }
 
@@ -272,13 +282,25 @@ bool DecodeAndEmitOffline2PassFull(const Options& options,
                                    DiarizationBackend* diarization,
                                    SpeakerIdentifier* speaker_id,
                                    EventEmitter* emitter, AudioBuffer* audio) {
-  const Clock::time_point started = Clock::now();
+  // A copy: the live session goes on appending to its capture buffer while
+  // this capture is decoded.
   std::vector<float> samples;
   {
     std::lock_guard<std::mutex> lock(audio->mutex);
     samples = audio->capture_samples;
   }
+  return DecodeAndEmitOffline2PassSamples(options, decoder, punc, diarization,
+                                          speaker_id, emitter, samples);
+}
 
+bool DecodeAndEmitOffline2PassSamples(const Options& options,
+                                      OfflineDecoderBackend* decoder,
+                                      PuncBackend* punc,
+                                      DiarizationBackend* diarization,
+                                      SpeakerIdentifier* speaker_id,
+                                      EventEmitter* emitter,
+                                      const std::vector<float>& samples) {
+  const Clock::time_point started = Clock::now();
   PipelineRun run(options, decoder, punc, emitter, samples, started);
   if (samples.empty()) {
     run.Log("offline_2pass: no audio captured");

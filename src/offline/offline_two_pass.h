@@ -1,6 +1,8 @@
 #ifndef KERROW_OFFLINE_OFFLINE_TWO_PASS_H_
 #define KERROW_OFFLINE_OFFLINE_TWO_PASS_H_
 
+#include <vector>
+
 #include "app/options.h"
 
 namespace kerrow {
@@ -23,6 +25,16 @@ bool DecodeAndEmitOffline2PassFull(const Options& options,
                                    DiarizationBackend* diarization,
                                    SpeakerIdentifier* speaker_id,
                                    EventEmitter* emitter, AudioBuffer* audio);
+
+// The same over samples the caller holds, for a recording that has no capture
+// buffer to share with a live session (file input): nothing is copied.
+bool DecodeAndEmitOffline2PassSamples(const Options& options,
+                                      OfflineDecoderBackend* decoder,
+                                      PuncBackend* punc,
+                                      DiarizationBackend* diarization,
+                                      SpeakerIdentifier* speaker_id,
+                                      EventEmitter* emitter,
+                                      const std::vector<float>& samples);
 
 }  // namespace kerrow
 

@@ -1,0 +1,76 @@
+// The whole-recording decode over samples the caller holds (file input) must
+// emit exactly what the decode of the same audio in a capture buffer emits.
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "events/event_emitter.h"
+#include "live/shared_state.h"
+#include "offline/offline_two_pass.h"
+#include "offline/pipeline_fixtures.h"
+#include "offline/stdout_capture.h"
+
+namespace kerrow {
+namespace {
+
+using testing_support::PatternSenseVoice;
+using testing_support::ReadRecording;
+using testing_support::StdoutCapture;
+using testing_support::TrainedPunc;
+using testing_support::TrainedSenseVoice;
+
+// Measured milliseconds are the only thing two decodes of one recording may
+// differ in.
+std::vector<std::string> MaskTimings(const std::vector<std::string>& lines) {
+  static const std::regex timing("(ms|_ms_sum)=\\d+");
+  std::vector<std::string> masked;
+  for (const std::string& line : lines) masked.push_back(std::regex_replace(line, timing, "$1=#"));
+  return masked;
+}
+
+std::vector<std::string> DecodeFromCaptureBuffer(const Options& options, OfflineDecoderBackend* decoder,
+                                                 PuncBackend* punc, const std::vector<float>& samples) {
+  EventEmitter emitter;
+  AudioBuffer audio;
+  audio.capture_samples = samples;
+  StdoutCapture capture;
+  EXPECT_TRUE(DecodeAndEmitOffline2PassFull(options, decoder, punc, nullptr, nullptr, &emitter, &audio));
+  return MaskTimings(capture.Stop());
+}
+
+std::vector<std::string> DecodeFromSamples(const Options& options, OfflineDecoderBackend* decoder, PuncBackend* punc,
+                                           const std::vector<float>& samples) {
+  EventEmitter emitter;
+  StdoutCapture capture;
+  EXPECT_TRUE(DecodeAndEmitOffline2PassSamples(options, decoder, punc, nullptr, nullptr, &emitter, samples));
+  return MaskTimings(capture.Stop());
+}
+
+TEST(Offline2PassSamples, WithVadEmitsWhatTheCaptureBufferDecodeEmits) {
+  Options options;
+  options.silero_vad_model = KERROW_VAD_MODEL;
+  const std::vector<float> samples = ReadRecording("espeak/en10s.wav");
+  const std::vector<std::string> expected = DecodeFromCaptureBuffer(options, TrainedSenseVoice(), TrainedPunc(), samples);
+  ASSERT_GT(expected.size(), 3u);
+  EXPECT_EQ(DecodeFromSamples(options, TrainedSenseVoice(), TrainedPunc(), samples), expected);
+}
+
+TEST(Offline2PassSamples, WithoutVadEmitsWhatTheCaptureBufferDecodeEmits) {
+  const Options options;
+  const std::vector<float> samples = ReadRecording("format-checks/3s.wav");
+  const std::vector<std::string> expected = DecodeFromCaptureBuffer(options, PatternSenseVoice(), nullptr, samples);
+  ASSERT_GT(expected.size(), 1u);
+  EXPECT_EQ(DecodeFromSamples(options, PatternSenseVoice(), nullptr, samples), expected);
+}
+
+TEST(Offline2PassSamples, NoSamplesGiveTheEmptyResult) {
+  const Options options;
+  EXPECT_EQ(DecodeFromSamples(options, PatternSenseVoice(), nullptr, {}),
+            DecodeFromCaptureBuffer(options, PatternSenseVoice(), nullptr, {}));
+}
+
+}  // namespace
+}  // namespace kerrow
