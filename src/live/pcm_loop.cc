@@ -16,6 +16,7 @@
 #include "events/event_emitter.h"
 #include "events/number_format.h"
 #include "events/transcript_records.h"
+#include "live/capture_buffers.h"
 #include "live/pcm_loop_settings.h"
 #include "live/realtime_batch.h"
 #include "live/recent_audio.h"
@@ -79,8 +80,10 @@ class PcmSession {
         state_(state),
         audio_(audio),
         reader_(options.audio_fd, PipeFormat(options)),
+        buffers_(CaptureBuffersFor(options, ManualRealtimeWithVad())),
         batches_(options, decoder, punc, emitter),
-        streamer_(options, settings_, decoder, emitter, state, audio) {}
+        streamer_(options, settings_, decoder, emitter, state, audio,
+                  buffers_.release_committed) {}
 
   void Run() {
     MakeNonBlocking(options_.audio_fd);
@@ -238,16 +241,8 @@ class PcmSession {
           " pending_vad_reset=" + Bit(state_->pending_vad_reset.load()));
       first_chunk_logged_seq_ = seq;
     }
-    {
-      std::lock_guard<std::mutex> lock(audio_->mutex);
-      audio_->capture_samples.insert(audio_->capture_samples.end(), chunk_.begin(), chunk_.end());
-    }
-    if (!ManualRealtimeWithVad()) {
-      // Legacy buffering: "stop" decodes the capture as one segment.
-      std::lock_guard<std::mutex> lock(audio_->mutex);
-      audio_->samples.insert(audio_->samples.end(), chunk_.begin(), chunk_.end());
-      return;
-    }
+    StoreCapturedChunk();
+    if (!ManualRealtimeWithVad()) return;
     if (!options_.single_model_streaming && OnlineReady()) RunFirstPass();
     if (KeepsRecentAudio()) recent_audio_.Append(chunk_);
     std::string error;
@@ -278,6 +273,18 @@ class PcmSession {
     previous_segment_end_ = end;
     recent_audio_.ReleaseBefore(end);
     return lookback;
+  }
+
+  void StoreCapturedChunk() {
+    if (!buffers_.capture_samples && !buffers_.samples) return;
+    std::lock_guard<std::mutex> lock(audio_->mutex);
+    if (buffers_.capture_samples) {
+      audio_->capture_samples.insert(audio_->capture_samples.end(), chunk_.begin(), chunk_.end());
+    }
+    // Without the realtime path, "stop" decodes the capture as one segment.
+    if (buffers_.samples) {
+      audio_->samples.insert(audio_->samples.end(), chunk_.begin(), chunk_.end());
+    }
   }
 
   void RunFirstPass() {
@@ -392,6 +399,8 @@ class PcmSession {
   std::vector<float> chunk_;
   uint64_t last_keepalive_ = 0;
   bool second_pass_disabled_logged_ = false;
+
+  const CaptureBufferUse buffers_;
 
   // Per capture, emptied by a session reset.
   RealtimeBatchQueue batches_;

@@ -45,15 +45,18 @@ size_t StableCommitEnd(const std::vector<std::string>& previous_tokens,
 
 SingleModelStreamer::SingleModelStreamer(const Options& options, const PcmLoopSettings& settings,
                                          OfflineDecoderBackend* decoder, EventEmitter* emitter,
-                                         SharedState* state, AudioBuffer* audio)
+                                         SharedState* state, AudioBuffer* audio,
+                                         bool release_committed)
     : options_(options),
       settings_(settings),
       decoder_(decoder),
       emitter_(emitter),
       state_(state),
-      audio_(audio) {}
+      audio_(audio),
+      release_committed_(release_committed) {}
 
 void SingleModelStreamer::Reset() {
+  released_ = 0;
   window_start_ = 0;
   committed_tokens_ = 0;
   last_decode_position_ = 0;
@@ -65,15 +68,15 @@ void SingleModelStreamer::Reset() {
 
 int64_t SingleModelStreamer::CaptureLength() const {
   std::lock_guard<std::mutex> lock(audio_->mutex);
-  return static_cast<int64_t>(audio_->capture_samples.size());
+  return released_ + static_cast<int64_t>(audio_->capture_samples.size());
 }
 
 std::vector<float> SingleModelStreamer::CopyCapture(int64_t from, int64_t to) const {
   std::lock_guard<std::mutex> lock(audio_->mutex);
   const int64_t size = static_cast<int64_t>(audio_->capture_samples.size());
   // "start" may have emptied the capture since the length was read.
-  from = std::clamp<int64_t>(from, 0, size);
-  to = std::clamp<int64_t>(to, from, size);
+  from = std::clamp<int64_t>(from - released_, 0, size);
+  to = std::clamp<int64_t>(to - released_, from, size);
   return std::vector<float>(audio_->capture_samples.begin() + from,
                             audio_->capture_samples.begin() + to);
 }
@@ -172,7 +175,7 @@ void SingleModelStreamer::CapWindow(const std::vector<std::string>& tokens,
   if (can_slide) {
     // The committed tokens' audio leaves the window; the next decode starts at
     // the first token nobody has seen as a result yet.
-    window_start_ = TokenSamplePosition(timestamps[committed_tokens_]);
+    MoveWindowStart(TokenSamplePosition(timestamps[committed_tokens_]));
     committed_tokens_ = 0;
     previous_tokens_.clear();
     last_partial_.clear();
@@ -226,8 +229,20 @@ void SingleModelStreamer::CommitAll(int64_t end) {
   RestartWindowAt(end);
 }
 
-void SingleModelStreamer::RestartWindowAt(int64_t position) {
+void SingleModelStreamer::MoveWindowStart(int64_t position) {
   window_start_ = position;
+  if (!release_committed_) return;
+  // Audio before the window has been committed and is never decoded again.
+  std::lock_guard<std::mutex> lock(audio_->mutex);
+  std::vector<float>& capture = audio_->capture_samples;
+  const int64_t drop =
+      std::clamp<int64_t>(position - released_, 0, static_cast<int64_t>(capture.size()));
+  capture.erase(capture.begin(), capture.begin() + drop);
+  released_ += drop;
+}
+
+void SingleModelStreamer::RestartWindowAt(int64_t position) {
+  MoveWindowStart(position);
   committed_tokens_ = 0;
   last_decode_position_ = position;
   previous_tokens_.clear();

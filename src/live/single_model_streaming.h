@@ -36,7 +36,7 @@ class SingleModelStreamer {
  public:
   SingleModelStreamer(const Options& options, const PcmLoopSettings& settings,
                       OfflineDecoderBackend* decoder, EventEmitter* emitter, SharedState* state,
-                      AudioBuffer* audio);
+                      AudioBuffer* audio, bool release_committed);
 
   // A new capture: the window starts over at sample 0.
   void Reset();
@@ -68,6 +68,7 @@ class SingleModelStreamer {
   bool CommitUpToLastWordStart(const std::vector<std::string>& tokens,
                                const std::vector<float>& timestamps);
   void CommitAll(int64_t end);
+  void MoveWindowStart(int64_t position);
   void RestartWindowAt(int64_t position);
   void EmitCommitted(const std::string& text, int64_t start, int64_t end);
 
@@ -77,8 +78,12 @@ class SingleModelStreamer {
   EventEmitter* emitter_;
   SharedState* state_;
   AudioBuffer* audio_;
+  // Whether committed audio may leave capture_samples (CaptureBufferUse).
+  const bool release_committed_;
 
-  // Per capture. Positions are sample indices into the capture.
+  // Per capture. Positions are sample indices into the capture;
+  // capture_samples[0] is position released_ once committed audio has gone.
+  int64_t released_ = 0;
   int64_t window_start_ = 0;
   size_t committed_tokens_ = 0;
   int64_t last_decode_position_ = 0;

@@ -139,7 +139,9 @@ TEST(CommandLoop, StartTwiceGrowsTheSequenceAndEmptiesTheBufferEachTime) {
   ASSERT_TRUE(LiveHarness::WaitUntil([&] { return harness.state().captured_samples.load() == 4800; }));
   {
     std::lock_guard<std::mutex> lock(harness.audio().mutex);
-    EXPECT_EQ(harness.audio().capture_samples.size(), 4800u);
+    // Manual mode decodes `samples` at "stop"; the whole-capture buffer is
+    // only filled for the offline two-pass decode.
+    EXPECT_TRUE(harness.audio().capture_samples.empty());
     EXPECT_EQ(harness.audio().samples.size(), 4800u);
   }
   harness.Command("start");

@@ -254,3 +254,35 @@ TEST(SingleModelStreaming, SetPartialIntervalTakesEffectOnTheNextChunk) {
 
 }  // namespace
 }  // namespace kerrow::testing
+
+namespace kerrow::testing {
+namespace {
+
+// Committed audio is never decoded again, so it leaves the capture buffer:
+// after three utterances only the stretch since the last commit is held.
+TEST(SingleModelStreaming, CommittedAudioLeavesTheCaptureBuffer) {
+  auto decoder = LoadTrainedDecoder();
+  const std::vector<float> utterance = Join(LongSpeech(), SilenceSeconds(1.5));
+  size_t held = 0;
+  uint64_t captured = 0;
+  const SingleModelRun run = RunCapture(
+      SingleModelOptions(), decoder.get(), Join(utterance, utterance), false,
+      [&](LiveHarness* harness) {
+        std::lock_guard<std::mutex> lock(harness->audio().mutex);
+        held = harness->audio().capture_samples.size();
+        captured = harness->state().captured_samples.load();
+      },
+      utterance);
+  EXPECT_GE(run.results.size(), 2u);
+  EXPECT_GE(captured, 2 * utterance.size());
+  // At most the silence after the last commit and a chunk of padding.
+  EXPECT_LE(held, static_cast<size_t>(2 * 16000)) << "captured " << captured;
+  const std::string reference(kLongReference);
+  EXPECT_LT(CharacterErrorRate(reference + " " + reference + " " + reference,
+                               JoinedResultText(run)),
+            0.35)
+      << JoinedResultText(run);
+}
+
+}  // namespace
+}  // namespace kerrow::testing
