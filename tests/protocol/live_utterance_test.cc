@@ -77,5 +77,42 @@ TEST(LiveUtterance, PartialsOfALongCaptureStayAsLongAsOneUtterance) {
   }
 }
 
+// The road of one utterance as the host sees it, on real text: partials that
+// grow with the speech, the punctuated form of the last one, the closing
+// first-pass event, then the realtime second pass naming that segment.
+TEST(LiveUtterance, OneUtteranceTravelsBothPassesOnRealText) {
+  const std::vector<std::string> lines =
+      RunTrainedCapture(Join(ShortSpeech(), SilenceSeconds(1.0)), /*last_segment=*/1);
+  const int closing = IndexOfMatch(lines, "\\{\"message\":\"\\[VAD\\] seg source=stream id=1 .*");
+  ASSERT_GE(closing, 0) << JoinLines(lines);
+
+  std::vector<std::string> partials;
+  for (int i = 0; i < closing; ++i) {
+    if (IsFirstPassLine(lines[i])) partials.push_back(TextField(lines[i]));
+  }
+  ASSERT_GE(partials.size(), 3u) << JoinLines(lines);
+  for (size_t i = 1; i < partials.size(); ++i) {
+    EXPECT_GE(partials[i].size(), partials[i - 1].size()) << partials[i - 1] << " -> " << partials[i];
+  }
+  EXPECT_EQ(NormaliseForCer(partials.front()).rfind("hel", 0), 0u) << partials.front();
+  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(partials.back())), 0.3)
+      << partials.back();
+
+  ASSERT_LT(closing + 3, static_cast<int>(lines.size()));
+  const std::string& punctuated = lines[closing + 1];
+  EXPECT_EQ(punctuated.rfind("{\"type\":\"punctuated\",\"segment_id\":1,\"text\":\"", 0), 0u)
+      << punctuated;
+  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(TextField(punctuated))), 0.3)
+      << punctuated;
+  EXPECT_NE(TextField(punctuated), NormaliseForCer(TextField(punctuated))) << "no marks added";
+  EXPECT_TRUE(IsFirstPassLine(lines[closing + 2])) << lines[closing + 2];
+  EXPECT_EQ(IntField(lines[closing + 2], "segment_id"), 1);
+  const std::string& result = lines[closing + 3];
+  ASSERT_TRUE(IsResultForSegment(result, 1)) << result;
+  EXPECT_EQ(IntField(result, "segment_count"), 1);
+  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(TextField(result))), 0.3)
+      << result;
+}
+
 }  // namespace
 }  // namespace kerrow::testing
