@@ -40,33 +40,15 @@ std::string FlawedDb(const std::string& flaw_line) {
          " 0.000000000e+00 1.000000000e+00\n" + flaw_line + "\n";
 }
 
-// A mono 32-bit float WAV whose every sample is NaN.
+// A mono 32-bit float WAV whose every sample is NaN: each float's four bytes
+// go in as two 16-bit words of the shared WAV builder.
 std::string NanFloatWav(size_t samples) {
-  auto put32 = [](std::string* out, uint32_t v) {
-    for (int i = 0; i < 4; ++i) out->push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
-  };
-  auto put16 = [](std::string* out, uint16_t v) {
-    out->push_back(static_cast<char>(v & 0xFF));
-    out->push_back(static_cast<char>(v >> 8));
-  };
-  const uint32_t data_bytes = static_cast<uint32_t>(samples * 4);
-  std::string wav = "RIFF";
-  put32(&wav, 36 + data_bytes);
-  wav += "WAVEfmt ";
-  put32(&wav, 16);
-  put16(&wav, 3);  // IEEE float
-  put16(&wav, 1);
-  put32(&wav, 16000);
-  put32(&wav, 16000 * 4);
-  put16(&wav, 4);
-  put16(&wav, 32);
-  wav += "data";
-  put32(&wav, data_bytes);
   const float nan = std::numeric_limits<float>::quiet_NaN();
-  char bytes[4];
-  std::memcpy(bytes, &nan, 4);
-  for (size_t i = 0; i < samples; ++i) wav.append(bytes, 4);
-  return wav;
+  int16_t halves[2];
+  std::memcpy(halves, &nan, sizeof(nan));
+  std::vector<int16_t> words;
+  for (size_t i = 0; i < samples; ++i) words.insert(words.end(), halves, halves + 2);
+  return WavBytes(words, 16000, 1, /*format_tag=IEEE float*/ 3, /*bits_per_sample=*/32);
 }
 
 class EnrollDbSafetyProcess : public ::testing::Test {

@@ -26,15 +26,10 @@ using enroll_test::kIdC;
 using enroll_test::kMd5A;
 using enroll_test::kMd5B;
 using enroll_test::kMd5C;
+using enroll_test::Lines;
 using testing::ReadFileBytes;
 using testing::TempDir;
 using testing::WriteFileBytes;
-
-std::string Lines(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
-}
 
 std::string IdLine(const std::string& id) { return "id " + id; }
 std::string EmbLine(const std::string& md5, const std::string& values) {

@@ -30,17 +30,12 @@ using enroll_test::kIdC;
 using enroll_test::kMd5A;
 using enroll_test::kMd5B;
 using enroll_test::kMd5C;
+using enroll_test::Lines;
 using enroll_test::PermissionsOf;
 using enroll_test::RunInChild;
 using testing::ReadFileBytes;
 using testing::TempDir;
 using testing::WriteFileBytes;
-
-std::string Lines(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
-}
 
 // Alice (two voiceprints, one without md5) and Bob Smith, dimension 3.
 std::string TwoSpeakerDb() {

@@ -24,6 +24,13 @@ constexpr char kMd5A[] = "0123456789abcdef0123456789abcdef";
 constexpr char kMd5B[] = "fedcba9876543210fedcba9876543210";
 constexpr char kMd5C[] = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
 
+// The text of a database given line by line, each line ended by "\n".
+inline std::string Lines(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return text;
+}
+
 inline ino_t InodeOf(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) return 0;
