@@ -235,6 +235,26 @@ TEST(EnrollDbRewrite, NonFiniteEmbeddingIsNeverStored) {
   EXPECT_FALSE(enroll_test::FileExists(path));
 }
 
+// A database this user cannot read would otherwise look empty, and the next
+// registration would replace it with one speaker.
+TEST(EnrollDbRewrite, UnreadableDatabaseIsRefusedNotTakenForEmpty) {
+  TempDir dir;
+  ASSERT_EQ(chmod(dir.path().c_str(), 0777), 0);
+  const std::string path = dir.File("db.txt");
+  WriteFileBytes(path, Lines(SoundLines()));
+  ASSERT_EQ(chmod(path.c_str(), 0222), 0);
+  const std::string message = enroll_test::RunInChild(
+      [&path] {
+        std::string error;
+        AppendEnrollEmbedding(path, "", "Dee", kMd5C, {0.5f, 0.5f}, &error, nullptr, nullptr);
+        return error;
+      },
+      /*as_nobody=*/true);
+  EXPECT_EQ(message, "cannot read enroll DB: " + path);
+  ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+  EXPECT_EQ(ReadFileBytes(path), Lines(SoundLines()));
+}
+
 // ---- Kinds of path ----------------------------------------------------------
 
 std::vector<std::string> EditErrors(const std::string& path) {
