@@ -4,11 +4,16 @@
 // ratio of everything else in the decode phase, and the peak resident memory.
 //
 // usage: file_decode_bench [WAV] [RUNS]
+//        file_decode_bench --compare [MINUTES...]   (default 1 5 20 60)
+// The second form sets kerrow beside the peer pipeline a sherpa-onnx user would
+// write (bench/peer_file_decode.js, same models, same threads) on espeak-ng
+// recordings of the given lengths, made on first use and kept in the build tree.
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +30,8 @@ namespace {
 
 struct RunFigures {
   double wall_ms = 0;
+  double cpu_ms = 0;       // user + system time of the child
+  std::string output;      // the child's stdout
   long total_ms = 0;       // [TIMING][TOTAL]: the decode phase, after set-up
   long vad_and_asr_ms = 0; // [TIMING][VAD_AND_ASR]: VAD inference, decodes and group punctuation
   long asr_ms = 0;         // sum of second-pass decodes
@@ -58,8 +65,11 @@ std::vector<std::string> KerrowArgs(const std::string& wav) {
           "--silero-vad-model", KERROW_VAD_MODEL};
 }
 
-// Runs kerrow with its stdout in a temporary file; wait4 gives the child's peak RSS.
-RunFigures RunOnce(const std::string& wav) {
+double MsOf(const timeval& time) { return time.tv_sec * 1000.0 + time.tv_usec / 1000.0; }
+
+// Runs a program with its stdout in a temporary file; wait4 gives the child's
+// peak RSS and CPU time. env: the environment, or null for ours.
+RunFigures Spawn(std::vector<std::string> args, char** env = nullptr) {
   RunFigures figures;
   char out_path[] = "/tmp/kerrow-bench-XXXXXX";
   const int out_fd = mkstemp(out_path);
@@ -68,19 +78,19 @@ RunFigures RunOnce(const std::string& wav) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
-  std::vector<std::string> args = KerrowArgs(wav);
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
 
   const auto start = std::chrono::steady_clock::now();
   pid_t pid = 0;
-  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+  if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), env != nullptr ? env : environ) == 0) {
     int status = 0;
     rusage usage{};
     wait4(pid, &status, 0, &usage);
     figures.wall_ms =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    figures.cpu_ms = MsOf(usage.ru_utime) + MsOf(usage.ru_stime);
     figures.peak_rss_kb = usage.ru_maxrss;
     figures.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
@@ -91,7 +101,13 @@ RunFigures RunOnce(const std::string& wav) {
   std::stringstream text;
   text << out.rdbuf();
   std::remove(out_path);
-  const std::string log = text.str();
+  figures.output = text.str();
+  return figures;
+}
+
+RunFigures RunOnce(const std::string& wav) {
+  RunFigures figures = Spawn(KerrowArgs(wav));
+  const std::string& log = figures.output;
   figures.total_ms = FirstNumberAfter(log, "\\[TIMING\\]\\[TOTAL\\] ms=");
   figures.vad_and_asr_ms = FirstNumberAfter(log, "\\[TIMING\\]\\[VAD_AND_ASR\\] ms=");
   figures.asr_ms = FirstNumberAfter(log, "asr_decode_ms_sum=");
@@ -100,9 +116,78 @@ RunFigures RunOnce(const std::string& wav) {
   return figures;
 }
 
+// Model time inside kerrow's decode phase, from its own timing lines: VAD
+// inference, second-pass decodes and punctuation.
+long KerrowModelMs(const RunFigures& f) {
+  const long vad_ms = f.vad_and_asr_ms - f.asr_ms - (f.punc_ms - f.punc_merged_ms);
+  return f.asr_ms + f.punc_ms + vad_ms;
+}
+
+RunFigures RunPeer(const std::string& wav) {
+  const std::string models = KERROW_MODELS_DIR;
+  const std::string node_path = std::string("NODE_PATH=") + KERROW_NODE_MODULES;
+  std::vector<std::string> env_storage = {node_path};
+  for (char** var = environ; *var != nullptr; ++var) {
+    if (std::string(*var).rfind("NODE_PATH=", 0) != 0) env_storage.push_back(*var);
+  }
+  std::vector<char*> env;
+  for (auto& var : env_storage) env.push_back(var.data());
+  env.push_back(nullptr);
+  RunFigures figures =
+      Spawn({"node", std::string(KERROW_SOURCE_DIR) + "/bench/peer_file_decode.js", wav, KERROW_VAD_MODEL,
+             models + "/trained/sensevoice-en-char/model.onnx", models + "/trained/sensevoice-en-char/tokens.txt",
+             models + "/trained/punct-en/model.onnx", "1"},
+            env.data());
+  figures.total_ms = FirstNumberAfter(figures.output, "\"wall_ms\":") - FirstNumberAfter(figures.output, "\"load_ms\":");
+  return figures;
+}
+
+std::string RecordingOfMinutes(int minutes) {
+  const std::string path = std::string(KERROW_BENCH_RECORDINGS_DIR) + "/speech-" + std::to_string(minutes) + "min.wav";
+  const std::string command = std::string(KERROW_SOURCE_DIR) + "/bench/make_speech_recording.sh '" + path + "' " +
+                              std::to_string(minutes);
+  return std::system(command.c_str()) == 0 ? path : std::string();
+}
+
+double Ratio(double a, double b) { return b > 0 ? a / b : 0.0; }
+
+int Compare(const std::vector<int>& minutes_list) {
+  std::printf("file_decode_bench --compare: kerrow --wav-input vs the Node peer pipeline (1 model thread each)\n");
+  std::printf("%4s | %9s %9s %6s | %9s %9s %6s | %8s %8s %6s | %9s %9s %8s\n", "min", "k_wall_ms", "p_wall_ms",
+              "wall", "k_cpu_ms", "p_cpu_ms", "cpu", "k_rss_mb", "p_rss_mb", "rss", "k_decode", "k_model", "k_ovh");
+  for (int minutes : minutes_list) {
+    const std::string wav = RecordingOfMinutes(minutes);
+    if (wav.empty()) {
+      std::printf("%4d | could not make the recording (espeak-ng and sox are needed)\n", minutes);
+      return 1;
+    }
+    const RunFigures k = RunOnce(wav);
+    const RunFigures p = RunPeer(wav);
+    if (k.exit_status != 0 || p.exit_status != 0) {
+      std::printf("%4d | failed: kerrow status %d, peer status %d\n", minutes, k.exit_status, p.exit_status);
+      return 1;
+    }
+    const long model_ms = KerrowModelMs(k);
+    std::printf("%4d | %9.0f %9.0f %6.3f | %9.0f %9.0f %6.3f | %8.1f %8.1f %6.3f | %9ld %9ld %7.2f%%\n", minutes,
+                k.wall_ms, p.wall_ms, Ratio(k.wall_ms, p.wall_ms), k.cpu_ms, p.cpu_ms, Ratio(k.cpu_ms, p.cpu_ms),
+                k.peak_rss_kb / 1024.0, p.peak_rss_kb / 1024.0, Ratio(k.peak_rss_kb, p.peak_rss_kb), k.total_ms,
+                model_ms, 100.0 * Ratio(static_cast<double>(k.total_ms - model_ms), k.total_ms));
+  }
+  std::printf("k_ = kerrow, p_ = peer; ratios are kerrow / peer; wall, cpu and rss of the whole process\n"
+              "(model loads included); k_decode = kerrow's decode phase, k_model = its VAD, decode and\n"
+              "punctuation calls, k_ovh = the rest of the decode phase as a share of it\n");
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::string(argv[1]) == "--compare") {
+    std::vector<int> minutes;
+    for (int i = 2; i < argc; ++i) minutes.push_back(std::max(1, std::atoi(argv[i])));
+    if (minutes.empty()) minutes = {1, 5, 20, 60};
+    return Compare(minutes);
+  }
   const std::string wav = argc > 1 && argv[1][0] != '\0' ? argv[1]
                                    : std::string(KERROW_TEST_DATA_DIR) +
                                          "/audio/espeak-dialog/two-voices-dialog.wav";
@@ -121,7 +206,7 @@ int main(int argc, char** argv) {
     // The VAD's own inference is the part of the VAD-and-decode phase that is
     // neither a second-pass decode nor group punctuation.
     const long vad_ms = f.vad_and_asr_ms - f.asr_ms - (f.punc_ms - f.punc_merged_ms);
-    const long model_ms = f.asr_ms + f.punc_ms + vad_ms;
+    const long model_ms = KerrowModelMs(f);
     const long other_ms = f.total_ms - model_ms;
     const double overhead = model_ms > 0 ? static_cast<double>(other_ms) / model_ms : 0.0;
     const double rtf = audio_s > 0 ? f.total_ms / 1000.0 / audio_s : 0.0;

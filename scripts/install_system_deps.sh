@@ -15,6 +15,8 @@ packages=(
   libclang-rt-14-dev=1:14.0.6-12
   openssl
   python3   # runs the sample host of examples/ in the tests
+  espeak-ng=1.51+dfsg-10+deb12u2       # speaks the whole-file benchmark's recordings
+  sox=14.4.2+git20190427-3.5           # resamples and joins them
 )
 
 missing=()
