@@ -66,13 +66,22 @@ inline std::unique_ptr<VadBackend> LoadVad(float min_silence = 0.5f) {
   return vad;
 }
 
-enum class StreamingModel { kTransducerStub, kParaformerStub };
+// The stubs give known, made-up text; the trained lstm transducer gives real
+// text for espeak-ng English.
+enum class StreamingModel { kTransducerStub, kParaformerStub, kTrainedLstm };
 
 // Endpoint rules and decoding settings as Run sets them for the first pass.
 inline OnlineInitOptions StreamingOptions(StreamingModel model) {
   OnlineInitOptions options;
   options.num_threads = 1;
-  if (model == StreamingModel::kTransducerStub) {
+  if (model == StreamingModel::kTrainedLstm) {
+    // Left empty, the type comes from the encoder's metadata (lstm).
+    options.model_type = "";
+    options.encoder = ModelPath("trained/streaming-lstm-en-char/encoder.onnx");
+    options.decoder = ModelPath("trained/streaming-lstm-en-char/decoder.onnx");
+    options.joiner = ModelPath("trained/streaming-lstm-en-char/joiner.onnx");
+    options.tokens = ModelPath("trained/streaming-lstm-en-char/tokens.txt");
+  } else if (model == StreamingModel::kTransducerStub) {
     options.model_type = "transducer";
     options.encoder = ModelPath("stubs/streaming-transducer/encoder.onnx");
     options.decoder = ModelPath("stubs/streaming-transducer/decoder.onnx");

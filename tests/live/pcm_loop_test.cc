@@ -184,6 +184,37 @@ TEST(PcmLoop, StopFlushesTheOpenSegmentAndForcesTheLastBatch) {
   EXPECT_EQ(harness.state().next_segment_id.load(), 3u);
 }
 
+TEST(PcmLoop, TrainedStreamingPartialsGrowWithTheSpeechAndResembleIt) {
+  RealtimeModels models(StreamingModel::kTrainedLstm);
+  LiveHarness harness(ManualRealtimeOptions(), models.backends());
+  harness.Start();
+  ASSERT_TRUE(harness.StartCaptureAndWait(1));
+  FeedAll(&harness, Join(ShortSpeech(), SilenceSeconds(1.0)));
+  StopAndSettle(&harness);
+  QuitAndJoin(&harness);
+  const std::vector<std::string> lines = harness.Lines();
+  const int segment = harness.WaitForLineContaining("[VAD] seg source=stream id=1 ", milliseconds(0));
+  ASSERT_GE(segment, 0);
+  std::vector<std::string> partials;
+  for (int i = 0; i < segment; ++i) {
+    if (IsFirstPass(lines[i])) partials.push_back(JsonTextField(lines[i]));
+  }
+  ASSERT_GE(partials.size(), 3u);
+  for (size_t i = 1; i < partials.size(); ++i) {
+    EXPECT_GE(partials[i].size(), partials[i - 1].size()) << partials[i - 1] << " -> " << partials[i];
+  }
+  EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(partials.back())), 0.3)
+      << partials.back();
+  // The closing event and the second pass carry the same utterance.
+  ASSERT_LT(segment + 3, static_cast<int>(lines.size()));
+  EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(lines[segment + 2]))), 0.3)
+      << lines[segment + 2];
+  ASSERT_TRUE(IsResult(lines[segment + 3])) << lines[segment + 3];
+  EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(lines[segment + 3]))), 0.3)
+      << lines[segment + 3];
+  ExpectNoRepeatedPartial(lines);
+}
+
 TEST(PcmLoop, ParaformerHeldBackTailClosesTheFlushedSegment) {
   Options options = ManualRealtimeOptions();
   options.second_pass_every = 0;
