@@ -60,13 +60,14 @@ TEST_P(SingleModelRecording, NoCommittedResultEndsInsideAWord) {
 }
 
 // The VAD lowers its speech flag once its own minimum silence (0.5 s) has
-// passed; that is the end of the utterance. With only 0.8 s of silence after
-// the speech, and no audio after it, the result must come out: a second wait
-// of a minimum silence after the flag drop would hold it until more audio came.
+// passed; that is the end of the utterance. The recording ends in 0.39 s of
+// silence; with 0.45 s more (about 0.8 s in all) and no audio after it, the
+// result must come out: a second wait of a minimum silence after the flag
+// drop would hold it until more audio came.
 TEST(SingleModelEndOfSpeech, CommitsWhenTheVadSpeechFlagDrops) {
   auto process = StartLive(Concat(SingleModelArgs(), {"--single-trim-cap", "0"}));
   ASSERT_TRUE(StartCaptureAndWait(process.get(), 1, {"vad-reset-applied seq=1"}));
-  ASSERT_TRUE(process->WriteAudioS16(Join(ShortSpeech(), SilenceSeconds(0.8))));
+  ASSERT_TRUE(process->WriteAudioS16(Join(ShortSpeech(), SilenceSeconds(0.45))));
   const int result = process->WaitForLine(IsResultLine, seconds(60));
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
