@@ -45,6 +45,13 @@ std::vector<std::string> DiarizationArgs(const BadModelCase& param, const TempDi
           segmentation_broken ? kEmbedding : kSegmentation};
 }
 
+int IndexOfLineStartingWith(const std::vector<std::string>& lines, const std::string& prefix) {
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (lines[i].rfind(prefix, 0) == 0) return static_cast<int>(i);
+  }
+  return -1;
+}
+
 TEST_P(DiarizationBadModelProcess, RunGoesOnWithoutSpeakerLabels) {
   TempDir dir;
   std::string bad_path;
@@ -58,10 +65,9 @@ TEST_P(DiarizationBadModelProcess, RunGoesOnWithoutSpeakerLabels) {
 
   EXPECT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stderr_text, "");
-  const int failed = IndexOfMatch(r.stdout_lines, "\\{\"message\":\"\\[M2\\] Speaker diarization init failed: .*");
+  const int failed = IndexOfLineStartingWith(r.stdout_lines, std::string("{\"message\":\"") + kInitFailedPrefix);
   ASSERT_GE(failed, 0) << JoinLines(r.stdout_lines);
   const std::string& line = r.stdout_lines[failed];
-  EXPECT_EQ(line.rfind(std::string("{\"message\":\"") + kInitFailedPrefix, 0), 0u) << line;
   const auto [broken, source, kind] = GetParam();
   const bool skipped_by_search =
       source == Source::kModelDirectory &&
@@ -75,7 +81,9 @@ TEST_P(DiarizationBadModelProcess, RunGoesOnWithoutSpeakerLabels) {
   }
   // Without diarization there is no speaker identification either, and the
   // transcript comes out without speakers.
-  EXPECT_EQ(IndexOfMatch(r.stdout_lines, ".*Speaker identification.*"), -1);
+  for (const std::string& any : r.stdout_lines) {
+    EXPECT_EQ(any.find("Speaker identification"), std::string::npos) << any;
+  }
   EXPECT_EQ(r.stdout_lines[failed + 1], ReadyLine());
   const int result = IndexOfResult(r.stdout_lines);
   ASSERT_GE(result, 0) << JoinLines(r.stdout_lines);

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <map>
 #include <utility>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -43,17 +42,74 @@ std::vector<std::string> SpeakerIdArgs(const std::string& db) {
   return {"--speaker-id", "--speaker-embedding-model", kEmbedding, "--speaker-enroll-db", db};
 }
 
-// The result record's segments as labelled spans (no speaker key: empty label).
+// The text of a JSON string field that starts at `from` (just after its
+// opening quote), escapes left as they are; `from` ends after the closing quote.
+std::string JsonStringAt(const std::string& json, size_t* from) {
+  std::string text;
+  for (size_t i = *from; i < json.size(); ++i) {
+    if (json[i] == '\\' && i + 1 < json.size()) {
+      text += json.substr(i, 2);
+      ++i;
+    } else if (json[i] == '"') {
+      *from = i + 1;
+      return text;
+    } else {
+      text += json[i];
+    }
+  }
+  *from = json.size();
+  return text;
+}
+
+// The result record's segments as labelled spans (no speaker key: empty
+// label). Each segment object opens with its start and end times and may
+// close with its speaker. (Read by hand: GCC's sanitizer build rejects
+// std::regex.)
 std::vector<LabelledSpan> ResultSegments(const std::string& result_line) {
-  static const std::regex kSegment(
-      "\\{\"start_time\":([0-9.]+),\"end_time\":([0-9.]+),[^{}]*?\"text\":\"(?:[^\"\\\\]|\\\\.)*\""
-      "(?:,\"speaker\":\"([^\"]*)\")?\\}");
+  static const std::string kStart = "{\"start_time\":";
+  static const std::string kEnd = ",\"end_time\":";
+  static const std::string kText = "\"text\":\"";
+  static const std::string kSpeaker = "\"speaker\":\"";
   std::vector<LabelledSpan> segments;
-  for (std::sregex_iterator it(result_line.begin(), result_line.end(), kSegment), end; it != end;
-       ++it) {
-    segments.push_back({std::stod((*it)[1]), std::stod((*it)[2]), (*it)[3]});
+  for (size_t at = result_line.find(kStart); at != std::string::npos;
+       at = result_line.find(kStart, at)) {
+    LabelledSpan segment;
+    segment.start = std::stod(result_line.substr(at + kStart.size()));
+    const size_t end_at = result_line.find(kEnd, at);
+    if (end_at == std::string::npos) break;
+    segment.end = std::stod(result_line.substr(end_at + kEnd.size()));
+    size_t cursor = result_line.find(kText, end_at);
+    if (cursor == std::string::npos) break;
+    cursor += kText.size();
+    JsonStringAt(result_line, &cursor);
+    if (result_line.compare(cursor, 1 + kSpeaker.size(), "," + kSpeaker) == 0) {
+      cursor += 1 + kSpeaker.size();
+      segment.label = JsonStringAt(result_line, &cursor);
+    }
+    segments.push_back(segment);
+    at = cursor;
   }
   return segments;
+}
+
+// How many lines start with prefix and end with suffix.
+int CountLines(const std::vector<std::string>& lines, const std::string& prefix,
+               const std::string& suffix) {
+  int count = 0;
+  for (const std::string& line : lines) {
+    if (line.size() >= prefix.size() + suffix.size() && line.rfind(prefix, 0) == 0 &&
+        line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      ++count;
+    }
+  }
+  return count;
+}
+
+// The log line of one cluster's identification, whatever its score.
+int CountIdentificationLines(const std::vector<std::string>& lines, const std::string& label,
+                             const std::string& name) {
+  return CountLines(lines, "{\"message\":\"[SPEAKER_ID] " + label + " -> " + name + " (score=",
+                    ")\",\"type\":\"log\"}");
 }
 
 std::set<std::string> Labels(const std::vector<LabelledSpan>& segments) {
@@ -109,7 +165,7 @@ TEST(DiarizedTranscript, ExplicitModelsLabelEveryTurnOfTheDialog) {
              ExplicitDiarizationArgs(2)));
   EXPECT_GE(IndexOfLine(r.stdout_lines, LogLine("[M2] Speaker diarization initialized (sherpa-onnx)")),
             0);
-  EXPECT_EQ(IndexOfMatch(r.stdout_lines, "\\{\"message\":\"\\[M2\\] Speaker identification.*"), -1);
+  EXPECT_EQ(CountLines(r.stdout_lines, "{\"message\":\"[M2] Speaker identification", ""), 0);
   EXPECT_GE(IndexOfLine(r.stdout_lines, LogLine("[DIARIZATION][RAW] total_segments=6")), 0);
   const std::string result = ResultLine(r);
   const auto label_of_voice =
@@ -156,15 +212,9 @@ TEST(DiarizedTranscript, EnrolledVoicesAppearByName) {
   EXPECT_GE(IndexOfLine(r.stdout_lines,
                         LogLine("[M2] Speaker identification initialized (threshold=0.700000)")),
             0);
-  EXPECT_GE(IndexOfMatch(r.stdout_lines,
-                         "\\{\"message\":\"\\[SPEAKER_ID\\] SPEAKER_00 -> Alice \\(score=0\\.[0-9]{3}\\)\","
-                         "\"type\":\"log\"\\}"),
-            0)
+  EXPECT_EQ(CountIdentificationLines(r.stdout_lines, "SPEAKER_00", "Alice"), 1)
       << JoinLines(r.stdout_lines);
-  EXPECT_GE(IndexOfMatch(r.stdout_lines,
-                         "\\{\"message\":\"\\[SPEAKER_ID\\] SPEAKER_01 -> Bob \\(score=0\\.[0-9]{3}\\)\","
-                         "\"type\":\"log\"\\}"),
-            0);
+  EXPECT_EQ(CountIdentificationLines(r.stdout_lines, "SPEAKER_01", "Bob"), 1);
   const std::string result = ResultLine(r);
   const auto label_of_voice =
       ExpectLabelsFollowTheTurns(result, "espeak-dialog/two-voices-dialog.rttm");
@@ -186,9 +236,8 @@ TEST(DiarizedTranscript, UnknownVoicesKeepTheirLabels) {
       Concat(Concat(FileDecodeArgs(AudioPath("espeak-dialog/two-voices-dialog.wav")),
                     ExplicitDiarizationArgs(2)),
              Concat(SpeakerIdArgs(db), {"--speaker-id-threshold", "0.99"})));
-  EXPECT_EQ(CountMatches(r.stdout_lines,
-                         "\\{\"message\":\"\\[SPEAKER_ID\\] SPEAKER_0[01] -> \\(unmatched\\) "
-                         "\\(score=-?[0-9]\\.[0-9]{3}\\)\",\"type\":\"log\"\\}"),
+  EXPECT_EQ(CountIdentificationLines(r.stdout_lines, "SPEAKER_00", "(unmatched)") +
+                CountIdentificationLines(r.stdout_lines, "SPEAKER_01", "(unmatched)"),
             2)
       << JoinLines(r.stdout_lines);
   EXPECT_EQ(Labels(ResultSegments(ResultLine(r))),
