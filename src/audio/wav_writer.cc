@@ -71,8 +71,10 @@ bool WriteWavFloat32(const std::string& path, const std::vector<float>& samples,
   header.U16(32);
   header.Tag("data");
   header.U32(data_size);
+  // An empty vector's data() may be null, which fwrite must never be given.
   const bool samples_ok =
-      header.ok() && std::fwrite(samples.data(), kBytesPerSample, samples.size(), file) == samples.size();
+      header.ok() && (samples.empty() ||
+                      std::fwrite(samples.data(), kBytesPerSample, samples.size(), file) == samples.size());
   if (!samples_ok) {
     std::fclose(file);
     std::remove(path.c_str());
