@@ -64,20 +64,22 @@ class EnrollDbSnapshot {
   }
 
   // A speaker left without voiceprints goes too, and so does one that had none.
+  // Only a speaker whose last voiceprint this removal takes goes with it; a
+  // speaker that had no voiceprint before was not asked about and stays.
   bool RemoveByMd5(const std::string& md5) {
     bool removed = false;
+    std::vector<EnrollEntry> kept_entries;
     for (EnrollEntry& entry : entries_) {
       std::vector<EnrollSample> kept;
       for (const EnrollSample& sample : entry.samples) {
-        if (sample.md5 == md5) {
-          removed = true;
-        } else {
-          kept.push_back(sample);
-        }
+        if (sample.md5 != md5) kept.push_back(sample);
       }
+      const bool lost_some = kept.size() != entry.samples.size();
+      removed = removed || lost_some;
       entry.samples.swap(kept);
+      if (!lost_some || !entry.samples.empty()) kept_entries.push_back(std::move(entry));
     }
-    if (removed) RemoveIf([](const EnrollEntry& entry) { return entry.samples.empty(); });
+    entries_.swap(kept_entries);
     return removed;
   }
 
