@@ -6,28 +6,13 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "diarization/descriptor_write.h"
 #include "diarization/diarization_backend.h"
 #include "diarization/diarize_helper_server.h"
-
-namespace {
-
-bool WriteAll(int fd, const std::string& bytes) {
-  size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    written += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   // When the engine has gone, a reply write must fail, not kill us silently
@@ -43,7 +28,7 @@ int main(int argc, char** argv) {
   }
   const std::vector<std::string> args(argv + 1, argv + argc);
   const kerrow::ReplyLineWriter write_line = [protocol_fd](const std::string& line) {
-    return WriteAll(protocol_fd, line + "\n");
+    return kerrow::WriteAllToDescriptor(protocol_fd, line + "\n");
   };
   return kerrow::RunDiarizeHelper(args, kerrow::MakeSherpaOnnxDiarizationBackend, std::cin,
                                   write_line, std::cerr);

@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "audio/wav_writer.h"
+#include "diarization/descriptor_write.h"
 #include "diarization/helper_line_protocol.h"
 
 namespace kerrow {
@@ -58,17 +59,6 @@ bool ReadLine(int fd, std::string* line) {
     if (line->size() >= kMaxReplyLineBytes) return false;
     line->push_back(c);
   }
-}
-
-bool WriteAll(int fd, const std::string& bytes) {
-  size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    written += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 // Pipes whose ends must not leak into processes started later (a second
@@ -270,7 +260,7 @@ bool FluidAudioSubprocessBackend::Process(const std::vector<float>& samples, int
   RequestWavFile wav;
   if (!wav.Create(error)) return false;
   if (!WriteWavFloat32(wav.path(), samples, sample_rate, error)) return false;
-  if (!WriteAll(impl_->to_helper, FormatHelperRequest(wav.path()) + "\n")) {
+  if (!WriteAllToDescriptor(impl_->to_helper, FormatHelperRequest(wav.path()) + "\n")) {
     impl_->ready = false;
     return Fail(error, "write to helper failed: " + SystemError());
   }
