@@ -7,11 +7,16 @@
 #
 #   KERROW_FUZZ_SECONDS  time per target (default 60; 0 only builds)
 #   KERROW_FUZZ_TARGETS  space-separated subset, e.g. "wav_reader enroll_db"
+#   KERROW_FUZZ_SEED     libFuzzer seed (default 1; "random" for a new one each
+#                        run). A fixed seed makes a CI run repeat the same
+#                        mutations, so a finding there reproduces; campaigns
+#                        that hunt for new findings run with "random".
 #   FUZZ_BUILD_DIR       build folder (default <repo>/build-fuzz)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${FUZZ_BUILD_DIR:-$root/build-fuzz}
 seconds=${KERROW_FUZZ_SECONDS:-60}
+seed=${KERROW_FUZZ_SEED:-1}
 jobs=$(nproc)
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -36,6 +41,7 @@ for target in $targets; do
   mkdir -p "$work"
   args=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -malloc_limit_mb=2048
         -print_final_stats=1 -artifact_prefix="$findings/$target-")
+  [ "$seed" != "random" ] && args+=(-seed="$seed")
   [ -f "$root/fuzz/dict/$target.dict" ] && args+=(-dict="$root/fuzz/dict/$target.dict")
   echo "== fuzzing $target for ${seconds}s"
   if ! "$build/fuzz/${target}_fuzz" "${args[@]}" "$work" "$root/fuzz/corpus/$target" \

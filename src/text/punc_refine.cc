@@ -51,6 +51,12 @@ std::string PlainTextForPuncModel(const std::string& text) {
   return plain;
 }
 
+// A text of blanks and marks only gives the model nothing to punctuate, and
+// a blank alone would match any blank of the context in front of it.
+bool HasWords(const std::string& plain) {
+  return !CollectWordChars(plain).chars.empty();
+}
+
 enum class TailFate { kPunctuated, kLeftPlain };
 
 // Punctuates the words the model dropped, on their own and again checked, and
@@ -128,7 +134,7 @@ std::string RefineTextWithPunc(PuncBackend* punc, EventEmitter* emitter,
                                const std::string& text) {
   if (!PuncUsable(punc) || text.empty()) return text;
   const std::string plain = PlainTextForPuncModel(text);
-  if (plain.empty()) return text;
+  if (!HasWords(plain)) return text;
 
   std::string punctuated;
   std::string error;
@@ -153,7 +159,7 @@ std::string ApplyRealtimePunc(PuncBackend* punc, EventEmitter* emitter,
                               int context_codepoints, bool is_final) {
   if (!PuncUsable(punc) || text.empty()) return text;
   const std::string plain = PlainTextForPuncModel(text);
-  if (plain.empty()) return text;
+  if (!HasWords(plain)) return text;
 
   const std::string ctx = context != nullptr ? *context : std::string();
   // No separator: the context is the plain end of the previous segment, and

@@ -95,6 +95,16 @@ TEST(RefineTextWithPunc, PunctuationOnlyTextIsReturnedUnchanged) {
   EXPECT_TRUE(capture.Stop().empty());
 }
 
+TEST(ApplyRealtimePunc, BlankAndMarkTextAfterAContextTakesNothingFromTheContext) {
+  // The text's plain form is a single blank; matched against the model's
+  // output it would have found the blank inside the context and returned the
+  // context's last word as this segment's text.
+  std::string context = "hello world";
+  EXPECT_EQ(ApplyRealtimePunc(Trained(), nullptr, " ?", &context, 4, false), " ?");
+  EXPECT_EQ(context, "hello world");
+  EXPECT_EQ(RefineTextWithPunc(Trained(), nullptr, " ?"), " ?");
+}
+
 TEST(RefineTextWithPunc, WordsDroppedByModelArePunctuatedOnTheirOwnAndAppended) {
   EventEmitter emitter;
   StdoutCapture capture;
