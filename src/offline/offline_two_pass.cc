@@ -1,7 +1,9 @@
 #include "offline/offline_two_pass.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -18,6 +20,8 @@
 #include "live/shared_state.h"
 #include "offline/offline_diarization.h"
 #include "offline/speaker_assign.h"
+#include "offline/speech_search.h"
+#include "offline/speech_search_thread.h"
 #include "offline/vad_grouping.h"
 #include "speaker/cluster_identity.h"
 #include "speaker/speaker_identifier.h"
@@ -27,9 +31,6 @@ namespace kerrow {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr int32_t kVadWindowSamples = 512;
-constexpr float kVadBufferSeconds = 120.0f;
 
 int64_t MsSince(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() -
@@ -48,12 +49,14 @@ struct PipelineRun {
   PipelineRun(const Options& run_options, OfflineDecoderBackend* run_decoder,
               PuncBackend* run_punc, EventEmitter* run_emitter,
               const std::vector<float>& run_samples,
+              const Offline2PassSchedule& run_schedule,
               Clock::time_point run_started)
       : options(run_options),
         decoder(run_decoder),
         punc(run_punc),
         emitter(run_emitter),
         samples(run_samples),
+        schedule(run_schedule),
         started(run_started) {}
 
   const Options& options;
@@ -61,6 +64,7 @@ struct PipelineRun {
   PuncBackend* punc;
   EventEmitter* emitter;
   const std::vector<float>& samples;
+  const Offline2PassSchedule& schedule;
   Clock::time_point started;
 
   std::vector<SegmentResult> results;
@@ -69,6 +73,12 @@ struct PipelineRun {
   int64_t punc_group_ms_sum = 0;
 
   void Log(const std::string& line) const { emitter->EmitLog(line); }
+
+  bool Decode(const std::vector<float>& audio, std::string* text,
+              std::string* error) const {
+    if (schedule.decode) return schedule.decode(audio, text, error);
+    return decoder->Decode(audio, text, error);
+  }
 
   void AppendIfContent(const SampleSpan& piece, const std::string& text) {
     if (!HasContentText(text)) return;
@@ -80,100 +90,47 @@ struct PipelineRun {
   }
 };
 
-// Moves the bounds of every segment the detector has closed into speech.
-void TakeClosedSegments(VadBackend* vad, int64_t total_samples,
-                        std::vector<SampleSpan>* speech) {
-  VadSegment segment;
-  std::string error;
-  while (vad->PopSegment(&segment, &error)) {
-    if (segment.samples.empty()) continue;
-    const int64_t start = std::max<int64_t>(segment.start, 0);
-    const int64_t end = std::min<int64_t>(
-        start + static_cast<int64_t>(segment.samples.size()), total_samples);
-    speech->push_back({start, end});
-  }
-}
-
-// Runs the VAD over the whole recording. False means "decode in fixed chunks
-// instead": no VAD model, or the VAD failed (which is logged).
-bool FindSpeech(const PipelineRun& run, std::vector<SampleSpan>* speech) {
-  const Options& options = run.options;
-  if (options.silero_vad_model.empty()) return false;
-
-  VadInitOptions vad_options;
-  vad_options.sample_rate = options.sample_rate;
-  vad_options.num_threads = 1;
-  vad_options.provider = options.provider_first;
-  vad_options.model = options.silero_vad_model;
-  vad_options.threshold = static_cast<float>(options.vad_threshold);
-  vad_options.min_silence_duration =
-      static_cast<float>(options.vad_min_silence);
-  vad_options.min_speech_duration = static_cast<float>(options.vad_min_speech);
-  vad_options.max_speech_duration =
-      static_cast<float>(std::max(options.vad_max_speech, 0.0));
-  vad_options.window_size = kVadWindowSamples;
-  vad_options.buffer_seconds = kVadBufferSeconds;
-
-  VadBackend vad;
-  std::string error;
-  if (!vad.Init(vad_options, &error)) {
-    run.Log("offline_2pass VAD init failed, fallback to chunk decode: " +
-            error);
-    return false;
-  }
-
-  // Fed in 100 ms blocks, as live audio would arrive. Segments are taken off
-  // the detector's queue as soon as it closes them: only their bounds are
-  // kept, so their samples never pile up in the queue.
-  const size_t block = static_cast<size_t>(
-      std::max<int32_t>(options.sample_rate / 10, 1));
-  const std::vector<float>& samples = run.samples;
-  const int64_t total = static_cast<int64_t>(samples.size());
-  std::vector<float> chunk;
-  chunk.reserve(block);
-  for (size_t pos = 0; pos < samples.size(); pos += block) {
-    const size_t end = std::min(pos + block, samples.size());
-    chunk.assign(samples.begin() + pos, samples.begin() + end);
-    if (!vad.AcceptWaveform(chunk, &error)) {
-      run.Log("offline_2pass VAD accept failed, fallback to chunk decode: " +
-              error);
-      return false;
-    }
-    TakeClosedSegments(&vad, total, speech);
-  }
-  if (!vad.Flush(&error)) {
-    run.Log("offline_2pass VAD flush failed, fallback to chunk decode: " +
-            error);
-    return false;
-  }
-  TakeClosedSegments(&vad, total, speech);
-  return true;
-}
-
-// Decodes one piece of a VAD group and punctuates it, with its timing lines.
-bool DecodeGroupPiece(PipelineRun* run, const SampleSpan& piece) {
-  const int64_t index = run->group_index++;
-  const std::vector<float> audio = CopySpan(run->samples, piece);
-
+// One piece of a VAD group, decoded, whose lines are not written yet.
+struct DecodedPiece {
+  SampleSpan piece;
+  bool ok = false;
   std::string text;
   std::string error;
+  int64_t decode_ms = 0;
+};
+
+// Only decodes: writes nothing, so that it may run before the lines that
+// precede it in the event stream are known.
+DecodedPiece DecodePiece(const PipelineRun& run, const SampleSpan& piece) {
+  DecodedPiece decoded;
+  decoded.piece = piece;
+  const std::vector<float> audio = CopySpan(run.samples, piece);
   const Clock::time_point decode_start = Clock::now();
-  const bool decoded = run->decoder->Decode(audio, &text, &error);
-  const int64_t decode_ms = MsSince(decode_start);
-  run->asr_decode_ms_sum += decode_ms;
+  decoded.ok = run.Decode(audio, &decoded.text, &decoded.error);
+  decoded.decode_ms = MsSince(decode_start);
+  return decoded;
+}
+
+// Writes a decoded piece's timing line, then punctuates its text and keeps
+// it; or writes the failure, which ends the decode.
+bool FinishPiece(PipelineRun* run, const DecodedPiece& decoded) {
+  const int64_t index = run->group_index++;
+  const SampleSpan& piece = decoded.piece;
+  run->asr_decode_ms_sum += decoded.decode_ms;
   run->Log("[TIMING][ASR_DECODE] group_idx=" + std::to_string(index) +
            " chunk_s=" +
            FormatSixDecimals(SamplesToSeconds(piece.end - piece.start,
                                               run->options.sample_rate)) +
-           " ms=" + std::to_string(decode_ms));
-  if (!decoded) {
-    run->Log("offline_2pass VAD decode failed: " + error);
+           " ms=" + std::to_string(decoded.decode_ms));
+  if (!decoded.ok) {
+    run->Log("offline_2pass VAD decode failed: " + decoded.error);
     return false;
   }
-  if (!HasContentText(text)) return true;
+  if (!HasContentText(decoded.text)) return true;
 
   const Clock::time_point punc_start = Clock::now();
-  const std::string refined = RefineTextWithPunc(run->punc, run->emitter, text);
+  const std::string refined =
+      RefineTextWithPunc(run->punc, run->emitter, decoded.text);
   const int64_t punc_ms = MsSince(punc_start);
   run->punc_group_ms_sum += punc_ms;
   run->Log("[TIMING][PUNC_GROUP] group_idx=" + std::to_string(index) +
@@ -182,12 +139,11 @@ bool DecodeGroupPiece(PipelineRun* run, const SampleSpan& piece) {
   return true;
 }
 
-bool DecodeWithVadPlan(PipelineRun* run, const std::vector<SampleSpan>& speech,
-                       const VadGroupingLimits& limits) {
-  for (const VadPlanStep& step : PlanVadDecode(limits, speech)) {
+bool RunPlan(PipelineRun* run, const std::vector<VadPlanStep>& plan) {
+  for (const VadPlanStep& step : plan) {
     if (step.kind == VadPlanStep::Kind::kLog) {
       run->Log(step.log_line);
-    } else if (!DecodeGroupPiece(run, step.piece)) {
+    } else if (!FinishPiece(run, DecodePiece(*run, step.piece))) {
       return false;
     }
   }
@@ -198,7 +154,7 @@ bool DecodeInChunks(PipelineRun* run, const VadGroupingLimits& limits) {
   for (const SampleSpan& piece : ChunkFallbackPieces(limits)) {
     std::string text;
     std::string error;
-    if (!run->decoder->Decode(CopySpan(run->samples, piece), &text, &error)) {
+    if (!run->Decode(CopySpan(run->samples, piece), &text, &error)) {
       run->emitter->EmitError("offline_2pass decode failed: " + error);
       return false;
     }
@@ -207,6 +163,94 @@ bool DecodeInChunks(PipelineRun* run, const VadGroupingLimits& limits) {
                          RefineTextWithPunc(run->punc, run->emitter, text));
   }
   return true;
+}
+
+bool FallBackToChunks(PipelineRun* run, const VadGroupingLimits& limits,
+                      const std::string& log_line) {
+  if (!log_line.empty()) run->Log(log_line);
+  return DecodeInChunks(run, limits);
+}
+
+// A plan step met while the VAD was still searching, with its decode done.
+struct HeldStep {
+  VadPlanStep step;
+  DecodedPiece decoded;  // for a decode step
+};
+
+// Groups and decodes the speech as the search finds it. Nothing is written
+// meanwhile: whether the tail compensation line comes first is known only
+// at the end, and a failing search throws the groups away for the chunk
+// decode. After a failing decode nothing more is decoded, but the search
+// goes on to its end, as it would have before the first decode.
+std::vector<HeldStep> DecodeAsFound(const PipelineRun& run,
+                                    SpeechSearchThread* search,
+                                    VadGroupPlanner* planner) {
+  std::vector<HeldStep> held;
+  bool failed = false;
+  SampleSpan span;
+  std::vector<VadPlanStep> steps;
+  while (search->Next(&span)) {
+    steps.clear();
+    planner->AddSpeech(span, &steps);
+    for (VadPlanStep& step : steps) {
+      if (failed) break;
+      HeldStep item;
+      item.step = std::move(step);
+      if (item.step.kind == VadPlanStep::Kind::kDecode) {
+        item.decoded = DecodePiece(run, item.step.piece);
+        failed = !item.decoded.ok;
+      }
+      held.push_back(std::move(item));
+    }
+  }
+  return held;
+}
+
+bool DecodeWhileSearching(PipelineRun* run, const VadGroupingLimits& limits,
+                          std::unique_ptr<VadBackend> vad) {
+  VadGroupPlanner planner(limits);
+  std::vector<HeldStep> held;
+  bool searched = false;
+  std::string log_line;
+  {
+    SpeechSearchThread search(std::move(vad), run->samples,
+                              run->options.sample_rate);
+    held = DecodeAsFound(*run, &search, &planner);
+    searched = search.Succeeded(&log_line);
+  }
+  if (!searched) return FallBackToChunks(run, limits, log_line);
+
+  std::vector<VadPlanStep> rest;
+  if (planner.Finish(&rest)) run->Log(TailCompensationStep().log_line);
+  for (const HeldStep& item : held) {
+    if (item.step.kind == VadPlanStep::Kind::kLog) {
+      run->Log(item.step.log_line);
+    } else if (!FinishPiece(run, item.decoded)) {
+      return false;
+    }
+  }
+  return RunPlan(run, rest);
+}
+
+// The VAD path, or the chunk decode when there is no usable VAD.
+bool DecodeSpeech(PipelineRun* run, const VadGroupingLimits& limits) {
+  auto vad = std::make_unique<VadBackend>();
+  std::string log_line;
+  if (!InitSpeechSearchVad(run->options, vad.get(), &log_line)) {
+    return FallBackToChunks(run, limits, log_line);
+  }
+  if (run->schedule.vad_alongside_decode) {
+    return DecodeWhileSearching(run, limits, std::move(vad));
+  }
+  std::vector<SampleSpan> speech;
+  const std::atomic<bool> never_stop(false);
+  if (!SearchSpeech(
+          vad.get(), run->samples, run->options.sample_rate,
+          [&speech](const SampleSpan& span) { speech.push_back(span); },
+          never_stop, &log_line)) {
+    return FallBackToChunks(run, limits, log_line);
+  }
+  return RunPlan(run, PlanVadDecode(limits, speech));
 }
 
 // Diarization, speaker identification and the split of the transcript by
@@ -299,9 +343,10 @@ bool DecodeAndEmitOffline2PassSamples(const Options& options,
                                       DiarizationBackend* diarization,
                                       SpeakerIdentifier* speaker_id,
                                       EventEmitter* emitter,
-                                      const std::vector<float>& samples) {
+                                      const std::vector<float>& samples,
+                                      const Offline2PassSchedule& schedule) {
   const Clock::time_point started = Clock::now();
-  PipelineRun run(options, decoder, punc, emitter, samples, started);
+  PipelineRun run(options, decoder, punc, emitter, samples, schedule, started);
   if (samples.empty()) {
     run.Log("offline_2pass: no audio captured");
     EmitResult(&run, /*merge_text=*/false);
@@ -314,11 +359,7 @@ bool DecodeAndEmitOffline2PassSamples(const Options& options,
 
   const VadGroupingLimits limits =
       MakeVadGroupingLimits(options, static_cast<int64_t>(samples.size()));
-  std::vector<SampleSpan> speech;
-  const bool decoded = FindSpeech(run, &speech)
-                           ? DecodeWithVadPlan(&run, speech, limits)
-                           : DecodeInChunks(&run, limits);
-  if (!decoded) return false;
+  if (!DecodeSpeech(&run, limits)) return false;
 
   run.Log("[TIMING][VAD_AND_ASR] ms=" + std::to_string(MsSince(started)) +
           " asr_decode_ms_sum=" + std::to_string(run.asr_decode_ms_sum) +

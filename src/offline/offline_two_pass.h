@@ -1,6 +1,8 @@
 #ifndef KERROW_OFFLINE_OFFLINE_TWO_PASS_H_
 #define KERROW_OFFLINE_OFFLINE_TWO_PASS_H_
 
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "app/options.h"
@@ -13,6 +15,20 @@ class OfflineDecoderBackend;
 class PuncBackend;
 class SpeakerIdentifier;
 struct AudioBuffer;
+
+// How the whole-recording decode runs. Only tests change it: they compare the
+// two orders of work and make a chosen decode fail.
+struct Offline2PassSchedule {
+  // True: the VAD searches the rest of the recording on a thread of its own
+  // while the groups it has found are decoded, and the lines are written in
+  // the order of the other way. False: the VAD covers the whole recording
+  // before the first decode.
+  bool vad_alongside_decode = true;
+  // When set, decodes every piece instead of the decoder.
+  std::function<bool(const std::vector<float>& samples, std::string* text,
+                     std::string* error)>
+      decode;
+};
 
 // Turns a whole recording (the AudioBuffer's capture_samples) into one final
 // "result" record: VAD grouping, second-pass decode per group, punctuation,
@@ -34,7 +50,9 @@ bool DecodeAndEmitOffline2PassSamples(const Options& options,
                                       DiarizationBackend* diarization,
                                       SpeakerIdentifier* speaker_id,
                                       EventEmitter* emitter,
-                                      const std::vector<float>& samples);
+                                      const std::vector<float>& samples,
+                                      const Offline2PassSchedule& schedule =
+                                          Offline2PassSchedule());
 
 }  // namespace kerrow
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <utility>
@@ -21,114 +22,19 @@ int64_t SecondsToSamplesRounded(double seconds, int32_t sample_rate) {
   return SecondsToSamples(seconds, sample_rate);
 }
 
-class PlanBuilder {
- public:
-  explicit PlanBuilder(const VadGroupingLimits& limits) : limits_(limits) {}
+VadPlanStep LogStep(const std::string& line) {
+  VadPlanStep step;
+  step.kind = VadPlanStep::Kind::kLog;
+  step.log_line = line;
+  return step;
+}
 
-  void AddSegment(const SampleSpan& segment) {
-    const int64_t s = segment.start;
-    const int64_t e = segment.end;
-    if (e <= s) return;
-
-    int64_t base = s;
-    if (!GroupOpen()) {
-      Open(s, e);
-    } else if (s - group_end_ > limits_.silence_gap_samples) {
-      Cut("silence_gap");
-      Open(s, e);
-    } else {
-      const int64_t span = std::max(e, group_end_) - std::min(s, group_start_);
-      if (span > limits_.max_group_samples) {
-        Cut("max_duration");
-        Open(s, e);
-      } else if (limits_.whisper && span > limits_.max_span_samples) {
-        Cut("max_span");
-        Open(s, e);
-      } else {
-        group_start_ = std::min(s, group_start_);
-        group_end_ = std::max(e, group_end_);
-        base = last_end_;
-      }
-    }
-
-    // Only speech not counted before adds to the group's total, so
-    // overlapping segments are not counted twice.
-    const int64_t added = std::max<int64_t>(e - std::max(s, base), 0);
-    acc_ += added;
-    last_end_ = std::max(e, base);
-
-    Log("[OFFLINE2PASS][VAD] start=" + Seconds(s) + "s end=" + Seconds(e) +
-        "s raw=" + Seconds(e - s) + "s added=" + Seconds(added) +
-        "s acc=" + Seconds(acc_) + "s max=" +
-        Seconds(limits_.max_group_samples) + "s span=" +
-        Seconds(group_end_ - group_start_) + "s span_max=" + SpanMax());
-  }
-
-  void Cut(const std::string& reason) {
-    if (!GroupOpen() || group_end_ <= group_start_) return;
-    const int64_t padded_start =
-        std::max<int64_t>(group_start_ - limits_.lookback_samples, 0);
-    const int64_t padded_end = std::min(group_end_ + limits_.lookahead_samples,
-                                        limits_.total_samples);
-    Log("[OFFLINE2PASS][CUT] reason=" + reason +
-        " group_start=" + Seconds(group_start_) +
-        "s group_end=" + Seconds(group_end_) +
-        "s padded_start=" + Seconds(padded_start) +
-        "s padded_end=" + Seconds(padded_end) + "s acc=" + Seconds(acc_) +
-        "s max=" + Seconds(limits_.max_group_samples) +
-        "s span=" + Seconds(group_end_ - group_start_) +
-        "s span_max=" + SpanMax());
-
-    for (const SampleSpan& piece :
-         RecognizerWindowPieces(limits_, {padded_start, padded_end})) {
-      Decode(piece);
-    }
-    group_start_ = -1;
-    group_end_ = -1;
-    acc_ = 0;
-  }
-
-  void Log(const std::string& line) {
-    VadPlanStep step;
-    step.kind = VadPlanStep::Kind::kLog;
-    step.log_line = line;
-    plan_.push_back(std::move(step));
-  }
-
-  std::vector<VadPlanStep> TakePlan() { return std::move(plan_); }
-
- private:
-  bool GroupOpen() const { return group_start_ >= 0; }
-
-  void Open(int64_t s, int64_t e) {
-    group_start_ = s;
-    group_end_ = e;
-  }
-
-  void Decode(const SampleSpan& piece) {
-    VadPlanStep step;
-    step.kind = VadPlanStep::Kind::kDecode;
-    step.piece = piece;
-    plan_.push_back(std::move(step));
-  }
-
-  std::string Seconds(int64_t samples) const {
-    return FormatSixDecimals(static_cast<double>(samples) /
-                             static_cast<double>(limits_.sample_rate));
-  }
-
-  std::string SpanMax() const {
-    return limits_.whisper ? Seconds(limits_.max_span_samples) + "s"
-                           : std::string("disabled");
-  }
-
-  const VadGroupingLimits& limits_;
-  std::vector<VadPlanStep> plan_;
-  int64_t group_start_ = -1;
-  int64_t group_end_ = -1;
-  int64_t acc_ = 0;
-  int64_t last_end_ = 0;
-};
+VadPlanStep DecodeStep(const SampleSpan& piece) {
+  VadPlanStep step;
+  step.kind = VadPlanStep::Kind::kDecode;
+  step.piece = piece;
+  return step;
+}
 
 }  // namespace
 
@@ -155,30 +61,121 @@ VadGroupingLimits MakeVadGroupingLimits(const Options& options,
   return limits;
 }
 
-std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
-                                       const std::vector<SampleSpan>& speech) {
-  PlanBuilder builder(limits);
-  std::vector<SampleSpan> segments = speech;
+VadGroupPlanner::VadGroupPlanner(const VadGroupingLimits& limits)
+    : limits_(limits) {}
 
-  // The VAD closes no segment for speech cut off by the end of the recording
-  // and drops what it judges too short; decoding everything after the last
-  // detected speech keeps those last words.
-  int64_t last_speech_end = 0;
-  for (const SampleSpan& span : speech) {
-    last_speech_end = std::max(last_speech_end, span.end);
-  }
-  if (last_speech_end < limits.total_samples) {
-    builder.Log("offline_2pass tail compensation enabled");
-    for (const SampleSpan& piece :
-         SplitIntoPieces({last_speech_end, limits.total_samples},
-                         limits.max_group_samples)) {
-      segments.push_back(piece);
+void VadGroupPlanner::AddSpeech(const SampleSpan& segment,
+                                std::vector<VadPlanStep>* steps) {
+  const int64_t s = segment.start;
+  const int64_t e = segment.end;
+  last_speech_end_ = std::max(last_speech_end_, e);
+  if (e <= s) return;
+
+  int64_t base = s;
+  if (!GroupOpen()) {
+    group_start_ = s;
+    group_end_ = e;
+  } else {
+    const int64_t span = std::max(e, group_end_) - std::min(s, group_start_);
+    const char* reason = nullptr;
+    if (s - group_end_ > limits_.silence_gap_samples) {
+      reason = "silence_gap";
+    } else if (span > limits_.max_group_samples) {
+      reason = "max_duration";
+    } else if (limits_.whisper && span > limits_.max_span_samples) {
+      reason = "max_span";
+    }
+    if (reason != nullptr) {
+      Cut(reason, steps);
+      group_start_ = s;
+      group_end_ = e;
+    } else {
+      group_start_ = std::min(s, group_start_);
+      group_end_ = std::max(e, group_end_);
+      base = last_end_;
     }
   }
 
-  for (const SampleSpan& segment : segments) builder.AddSegment(segment);
-  builder.Cut("flush");
-  return builder.TakePlan();
+  // Only speech not counted before adds to the group's total, so
+  // overlapping segments are not counted twice.
+  const int64_t added = std::max<int64_t>(e - std::max(s, base), 0);
+  acc_ += added;
+  last_end_ = std::max(e, base);
+
+  steps->push_back(LogStep(
+      "[OFFLINE2PASS][VAD] start=" + Seconds(s) + "s end=" + Seconds(e) +
+      "s raw=" + Seconds(e - s) + "s added=" + Seconds(added) +
+      "s acc=" + Seconds(acc_) + "s max=" +
+      Seconds(limits_.max_group_samples) + "s span=" +
+      Seconds(group_end_ - group_start_) + "s span_max=" + SpanMax()));
+}
+
+bool VadGroupPlanner::Finish(std::vector<VadPlanStep>* steps) {
+  // The VAD closes no segment for speech cut off by the end of the recording
+  // and drops what it judges too short; decoding everything after the last
+  // detected speech keeps those last words.
+  const bool tail = last_speech_end_ < limits_.total_samples;
+  if (tail) {
+    for (const SampleSpan& piece :
+         SplitIntoPieces({last_speech_end_, limits_.total_samples},
+                         limits_.max_group_samples)) {
+      AddSpeech(piece, steps);
+    }
+  }
+  Cut("flush", steps);
+  return tail;
+}
+
+void VadGroupPlanner::Cut(const std::string& reason,
+                          std::vector<VadPlanStep>* steps) {
+  if (!GroupOpen() || group_end_ <= group_start_) return;
+  const int64_t padded_start =
+      std::max<int64_t>(group_start_ - limits_.lookback_samples, 0);
+  const int64_t padded_end = std::min(group_end_ + limits_.lookahead_samples,
+                                      limits_.total_samples);
+  steps->push_back(LogStep(
+      "[OFFLINE2PASS][CUT] reason=" + reason +
+      " group_start=" + Seconds(group_start_) +
+      "s group_end=" + Seconds(group_end_) +
+      "s padded_start=" + Seconds(padded_start) +
+      "s padded_end=" + Seconds(padded_end) + "s acc=" + Seconds(acc_) +
+      "s max=" + Seconds(limits_.max_group_samples) +
+      "s span=" + Seconds(group_end_ - group_start_) +
+      "s span_max=" + SpanMax()));
+
+  for (const SampleSpan& piece :
+       RecognizerWindowPieces(limits_, {padded_start, padded_end})) {
+    steps->push_back(DecodeStep(piece));
+  }
+  group_start_ = -1;
+  group_end_ = -1;
+  acc_ = 0;
+}
+
+std::string VadGroupPlanner::Seconds(int64_t samples) const {
+  return FormatSixDecimals(static_cast<double>(samples) /
+                           static_cast<double>(limits_.sample_rate));
+}
+
+std::string VadGroupPlanner::SpanMax() const {
+  return limits_.whisper ? Seconds(limits_.max_span_samples) + "s"
+                         : std::string("disabled");
+}
+
+VadPlanStep TailCompensationStep() {
+  return LogStep("offline_2pass tail compensation enabled");
+}
+
+std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
+                                       const std::vector<SampleSpan>& speech) {
+  VadGroupPlanner planner(limits);
+  std::vector<VadPlanStep> steps;
+  for (const SampleSpan& segment : speech) planner.AddSpeech(segment, &steps);
+  std::vector<VadPlanStep> plan;
+  if (planner.Finish(&steps)) plan.push_back(TailCompensationStep());
+  plan.insert(plan.end(), std::make_move_iterator(steps.begin()),
+              std::make_move_iterator(steps.end()));
+  return plan;
 }
 
 std::vector<SampleSpan> ChunkFallbackPieces(const VadGroupingLimits& limits) {

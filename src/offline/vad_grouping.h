@@ -45,11 +45,43 @@ struct VadPlanStep {
   SampleSpan piece;      // kDecode
 };
 
-// Plans the decode of the speech the VAD found: tail compensation for audio
-// after the last detected speech, grouping with its "[OFFLINE2PASS][VAD]" and
-// "[OFFLINE2PASS][CUT]" lines, and the decode pieces of each cut. Grouping
-// never looks at decode results, so the whole plan can be made up front; a
-// failing decode simply ends the walk through it.
+// Joins detected speech into decode groups one segment at a time, so that
+// the groups found so far can be decoded while the VAD is still searching the
+// rest of the recording. Grouping never looks at decode results.
+class VadGroupPlanner {
+ public:
+  explicit VadGroupPlanner(const VadGroupingLimits& limits);
+
+  // Groups the next detected segment, with its "[OFFLINE2PASS][VAD]" line;
+  // appends to steps the lines and decode pieces of any group it closes.
+  void AddSpeech(const SampleSpan& segment, std::vector<VadPlanStep>* steps);
+
+  // After the last detected segment: groups the audio after the last speech
+  // (tail compensation), then closes the last group. Returns whether tail
+  // compensation took place: its log line (TailCompensationStep) then goes
+  // before every step of the plan.
+  bool Finish(std::vector<VadPlanStep>* steps);
+
+ private:
+  void Cut(const std::string& reason, std::vector<VadPlanStep>* steps);
+  bool GroupOpen() const { return group_start_ >= 0; }
+  std::string Seconds(int64_t samples) const;
+  std::string SpanMax() const;
+
+  VadGroupingLimits limits_;
+  int64_t group_start_ = -1;
+  int64_t group_end_ = -1;
+  int64_t acc_ = 0;
+  int64_t last_end_ = 0;
+  int64_t last_speech_end_ = 0;
+};
+
+// The "offline_2pass tail compensation enabled" line.
+VadPlanStep TailCompensationStep();
+
+// Plans the decode of the speech the VAD found, all at once: what
+// VadGroupPlanner yields for the segments in order, behind the tail
+// compensation line when there is one.
 std::vector<VadPlanStep> PlanVadDecode(const VadGroupingLimits& limits,
                                        const std::vector<SampleSpan>& speech);
 

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -16,20 +15,12 @@
 namespace kerrow {
 namespace {
 
+using testing_support::MaskTimings;
 using testing_support::PatternSenseVoice;
 using testing_support::ReadRecording;
 using testing_support::StdoutCapture;
 using testing_support::TrainedPunc;
 using testing_support::TrainedSenseVoice;
-
-// Measured milliseconds are the only thing two decodes of one recording may
-// differ in.
-std::vector<std::string> MaskTimings(const std::vector<std::string>& lines) {
-  static const std::regex timing("(ms|_ms_sum)=\\d+");
-  std::vector<std::string> masked;
-  for (const std::string& line : lines) masked.push_back(std::regex_replace(line, timing, "$1=#"));
-  return masked;
-}
 
 std::vector<std::string> DecodeFromCaptureBuffer(const Options& options, OfflineDecoderBackend* decoder,
                                                  PuncBackend* punc, const std::vector<float>& samples) {
