@@ -5,15 +5,11 @@
 #include <stdexcept>
 
 #include "audio/block_sample_reader.h"
+#include "common/error_text.h"
 
 namespace kerrow {
 
 namespace {
-
-bool Fail(const std::string& message, std::string* error) {
-  *error = message;
-  return false;
-}
 
 bool EncodingNamed(const std::string& format, SampleEncoding* encoding) {
   if (format == "s16le") {
@@ -44,13 +40,13 @@ bool ReadPcm(std::istream& in, const std::string& name, const std::string& forma
     // as such whatever format was asked for.
     bytes = DiscardBytes(in, kToEndOfStream, &failed);
   }
-  if (failed) return Fail("Failed to read PCM file: " + name, error);
-  if (bytes == 0) return Fail("PCM file is empty: " + name, error);
-  if (!known_format) return Fail("Unsupported PCM format: " + format, error);
+  if (failed) return Fail(error, "Failed to read PCM file: " + name);
+  if (bytes == 0) return Fail(error, "PCM file is empty: " + name);
+  if (!known_format) return Fail(error, "Unsupported PCM format: " + format);
   if (!tail.empty()) {
-    return Fail(encoding == SampleEncoding::kS16le ? "PCM s16le byte length must be aligned to 2 bytes"
-                                                   : "PCM f32le byte length must be aligned to 4 bytes",
-                error);
+    return Fail(error, encoding == SampleEncoding::kS16le
+                           ? "PCM s16le byte length must be aligned to 2 bytes"
+                           : "PCM f32le byte length must be aligned to 4 bytes");
   }
   return true;
 }
@@ -67,7 +63,7 @@ bool ReadPcmMonoFromStream(std::istream& in, const std::string& name, const std:
   } catch (const std::length_error&) {
   }
   std::vector<float>().swap(*samples);
-  return Fail("Out of memory reading PCM file: " + name, error);
+  return Fail(error, "Out of memory reading PCM file: " + name);
 }
 
 bool ReadPcmMono(const std::string& path, const std::string& format, std::vector<float>* samples,
@@ -75,7 +71,7 @@ bool ReadPcmMono(const std::string& path, const std::string& format, std::vector
   if (samples == nullptr || error == nullptr) return false;
   samples->clear();
   std::ifstream in(path, std::ios::binary);
-  if (!in) return Fail("PCM file not found: " + path, error);
+  if (!in) return Fail(error, "PCM file not found: " + path);
   return ReadPcmMonoFromStream(in, path, format, RegularFileSizeOrZero(path), samples, error);
 }
 

@@ -7,6 +7,7 @@
 
 #include "audio/block_sample_reader.h"
 #include "audio/sample_convert.h"
+#include "common/error_text.h"
 
 namespace kerrow {
 
@@ -141,21 +142,16 @@ std::string OriginalBytes(WavData* data) {
   return bytes + data->bytes;
 }
 
-bool Fail(const std::string& message, std::string* error) {
-  *error = message;
-  return false;
-}
-
 bool FinishSamples(const WavFormat& format, int expected_sample_rate, WavData* data, std::vector<float>* samples,
                    std::string* error) {
-  if (format.channels != 1) return Fail("WAV must be mono", error);
+  if (format.channels != 1) return Fail(error, "WAV must be mono");
   if (format.sample_rate != static_cast<uint32_t>(expected_sample_rate)) {
-    return Fail("WAV sample rate must be " + std::to_string(expected_sample_rate), error);
+    return Fail(error, "WAV sample rate must be " + std::to_string(expected_sample_rate));
   }
-  if (data->byte_count == 0) return Fail("WAV has no data", error);
+  if (data->byte_count == 0) return Fail(error, "WAV has no data");
   SampleEncoding encoding = SampleEncoding::kS16le;
   if (!EncodingOf(format, &encoding)) {
-    return Fail("Unsupported WAV format. Expect mono 16-bit PCM or mono 32-bit float", error);
+    return Fail(error, "Unsupported WAV format. Expect mono 16-bit PCM or mono 32-bit float");
   }
   if (data->converted && data->encoding == encoding) {
     samples->swap(data->samples);
@@ -172,9 +168,9 @@ bool ReadWav(std::istream& in, int expected_sample_rate, uint64_t size_hint, std
   std::string riff_id, form_type;
   uint32_t riff_size = 0;
   if (!reader.Tag(&riff_id) || !reader.U32(&riff_size) || !reader.Tag(&form_type)) {
-    return Fail("Invalid WAV header", error);
+    return Fail(error, "Invalid WAV header");
   }
-  if (riff_id != "RIFF" || form_type != "WAVE") return Fail("Not a RIFF/WAVE file", error);
+  if (riff_id != "RIFF" || form_type != "WAVE") return Fail(error, "Not a RIFF/WAVE file");
 
   WavFormat format;
   WavData data;
@@ -184,10 +180,10 @@ bool ReadWav(std::istream& in, int expected_sample_rate, uint64_t size_hint, std
   // the fmt chunk after the data, and a later fmt or data chunk replaces an earlier one.
   while (reader.Tag(&chunk_id) && reader.U32(&chunk_size)) {
     if (chunk_id == "fmt ") {
-      if (!ReadFmtChunk(&reader, chunk_size, &format)) return Fail("Invalid WAV fmt chunk", error);
+      if (!ReadFmtChunk(&reader, chunk_size, &format)) return Fail(error, "Invalid WAV fmt chunk");
     } else if (chunk_id == "data") {
       if (!ReadDataChunk(&reader, chunk_size, format, size_hint, &data)) {
-        return Fail("Invalid WAV data chunk", error);
+        return Fail(error, "Invalid WAV data chunk");
       }
     } else {
       reader.Skip(chunk_size);
@@ -209,7 +205,7 @@ bool ReadWavMonoFromStream(std::istream& in, int expected_sample_rate, uint64_t 
   } catch (const std::length_error&) {
   }
   std::vector<float>().swap(*samples);
-  return Fail("Out of memory reading WAV data", error);
+  return Fail(error, "Out of memory reading WAV data");
 }
 
 bool ReadWavMono(const std::string& path, int expected_sample_rate, std::vector<float>* samples,
@@ -217,7 +213,7 @@ bool ReadWavMono(const std::string& path, int expected_sample_rate, std::vector<
   if (samples == nullptr || error == nullptr) return false;
   samples->clear();
   std::ifstream in(path, std::ios::binary);
-  if (!in) return Fail("WAV file not found: " + path, error);
+  if (!in) return Fail(error, "WAV file not found: " + path);
   return ReadWavMonoFromStream(in, expected_sample_rate, RegularFileSizeOrZero(path), samples, error);
 }
 

@@ -5,16 +5,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/error_text.h"
+
 namespace kerrow {
 
 namespace {
 
 constexpr uint16_t kFormatIeeeFloat = 3;
 constexpr uint16_t kBytesPerSample = 4;
-
-void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
 
 // Appends little-endian fields to a FILE and remembers whether any write came up short.
 class HeaderWriter {

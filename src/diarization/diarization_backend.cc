@@ -2,12 +2,14 @@
 
 #include <utility>
 
+#include "common/error_text.h"
+
 namespace kerrow {
 namespace {
 
-std::unique_ptr<DiarizationBackend> Fail(std::string* error,
-                                         const std::string& message) {
-  if (error != nullptr) *error = message;
+std::unique_ptr<DiarizationBackend> NoBackend(std::string* error,
+                                              const std::string& message) {
+  SetError(error, message);
   return nullptr;
 }
 
@@ -24,33 +26,33 @@ std::unique_ptr<DiarizationBackend> CreateDiarizationBackend(
     name = "fluidaudio";
     backend = MakeFluidAudioDiarizationBackend();
     if (backend == nullptr) {
-      return Fail(error,
-                  "fluidaudio backend was requested via "
-                  "--diarization-helper-binary but is not compiled into this "
-                  "binary");
+      return NoBackend(error,
+                       "fluidaudio backend was requested via "
+                       "--diarization-helper-binary but is not compiled into this "
+                       "binary");
     }
   } else if (!options.segmentation_model.empty() ||
              !options.embedding_model.empty()) {
     name = "sherpa-onnx";
     backend = MakeSherpaOnnxDiarizationBackend();
     if (backend == nullptr) {
-      return Fail(error,
-                  "sherpa-onnx backend was requested via "
-                  "--diarization-segmentation-model / "
-                  "--diarization-embedding-model but is not compiled into "
-                  "this binary");
+      return NoBackend(error,
+                       "sherpa-onnx backend was requested via "
+                       "--diarization-segmentation-model / "
+                       "--diarization-embedding-model but is not compiled into "
+                       "this binary");
     }
   } else {
-    return Fail(error,
-                "no diarization backend selected: pass either "
-                "--diarization-helper-binary (fluidaudio) or "
-                "--diarization-segmentation-model + "
-                "--diarization-embedding-model (sherpa-onnx)");
+    return NoBackend(error,
+                     "no diarization backend selected: pass either "
+                     "--diarization-helper-binary (fluidaudio) or "
+                     "--diarization-segmentation-model + "
+                     "--diarization-embedding-model (sherpa-onnx)");
   }
 
   std::string init_error;
   if (!backend->Init(options, &init_error)) {
-    return Fail(error, name + " backend init failed: " + init_error);
+    return NoBackend(error, name + " backend init failed: " + init_error);
   }
   return backend;
 }

@@ -1,6 +1,7 @@
 #include "diarization/diarize_helper_server.h"
 
 #include "audio/wav_reader.h"
+#include "common/error_text.h"
 #include "diarization/helper_line_protocol.h"
 
 namespace kerrow {
@@ -10,11 +11,6 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr char kDiagnosticPrefix[] = "kerrow-diarize: ";
-
-bool Fail(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-  return false;
-}
 
 bool IsBlank(const std::string& line) {
   return line.find_first_not_of(" \t\r") == std::string::npos;

@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "audio/wav_writer.h"
+#include "common/error_text.h"
 #include "diarization/descriptor_write.h"
 #include "diarization/helper_line_protocol.h"
 
@@ -26,11 +27,6 @@ constexpr size_t kMaxReplyLineBytes = 65536;
 constexpr int kPollsBeforeTerm = 10;
 constexpr int kPollsBeforeKill = 20;
 constexpr useconds_t kPollSleepMicros = 50 * 1000;
-
-bool Fail(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-  return false;
-}
 
 std::string SystemError() { return std::strerror(errno); }
 

@@ -4,15 +4,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/error_text.h"
 #include "events/number_format.h"
 
 namespace kerrow {
 namespace {
-
-bool Fail(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-  return false;
-}
 
 void AppendUtf8(uint32_t code_point, std::string* out) {
   if (code_point < 0x80) {

@@ -4,12 +4,9 @@
 #include <exception>
 #include <string>
 
-namespace kerrow {
+#include "common/error_text.h"
 
-// Fallible operations report through an optional message pointer.
-inline void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
+namespace kerrow {
 
 // The library is C++ underneath and lets exceptions (mostly onnxruntime
 // complaining about a model whose tensors do not fit) escape through its C
@@ -23,7 +20,7 @@ bool CallLibrary(const char* function_name, Call&& call, std::string* error) {
   } catch (const std::exception& e) {
     SetError(error, std::string(function_name) + " exception: " + e.what());
   } catch (...) {
-    SetError(error, std::string(function_name) + " exception: unknown");
+    SetError(error, std::string(function_name) + " unknown exception");
   }
   return false;
 }

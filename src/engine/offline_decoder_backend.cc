@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <exception>
 #include <limits>
 #include <sstream>
 
@@ -16,11 +15,6 @@
 namespace kerrow {
 
 namespace {
-
-constexpr char kDecodeExceptionPrefix[] =
-    "SherpaOnnxDecodeOfflineStream() exception: ";
-constexpr char kDecodeUnknownException[] =
-    "SherpaOnnxDecodeOfflineStream() unknown exception";
 
 std::vector<std::string> SplitCommas(const std::string& text) {
   std::vector<std::string> parts;
@@ -81,20 +75,13 @@ SherpaOnnxOfflineRecognizerConfig BuildRecognizerConfig(
 bool CreateRecognizer(const SherpaOnnxOfflineRecognizerConfig& config,
                       OfflineRecognizerHandle* recognizer,
                       std::string* error) {
-  try {
-    recognizer->reset(SherpaOnnxCreateOfflineRecognizer(&config));
-  } catch (const std::exception& e) {
-    SetError(error, std::string("SherpaOnnxCreateOfflineRecognizer() exception: ") +
-                        e.what());
-    return false;
-  } catch (...) {
-    SetError(error, "SherpaOnnxCreateOfflineRecognizer() unknown exception");
+  if (!CallLibrary(
+          "SherpaOnnxCreateOfflineRecognizer()",
+          [&] { recognizer->reset(SherpaOnnxCreateOfflineRecognizer(&config)); },
+          error)) {
     return false;
   }
-  if (!*recognizer) {
-    SetError(error, "SherpaOnnxCreateOfflineRecognizer() failed");
-    return false;
-  }
+  if (!*recognizer) return Fail(error, "SherpaOnnxCreateOfflineRecognizer() failed");
   return true;
 }
 
@@ -119,6 +106,27 @@ void CopyTokens(const SherpaOnnxOfflineRecognizerResult& result,
   if (result.durations != nullptr) {
     out->durations.assign(result.durations, result.durations + count);
   }
+}
+
+// One stream per call: feed the whole block, decode it, copy what the
+// recognizer made of it. What the library throws is left to the caller's guard.
+bool DecodeOneStream(const SherpaOnnxOfflineRecognizer* recognizer,
+                     int32_t sample_rate, const std::vector<float>& samples,
+                     std::string* text, DecodedTokens* tokens,
+                     std::string* error) {
+  OfflineStreamHandle stream(SherpaOnnxCreateOfflineStream(recognizer));
+  if (!stream) return Fail(error, "SherpaOnnxCreateOfflineStream() failed");
+  SherpaOnnxAcceptWaveformOffline(stream.get(), sample_rate, samples.data(),
+                                  static_cast<int32_t>(samples.size()));
+  SherpaOnnxDecodeOfflineStream(recognizer, stream.get());
+  const OfflineResultHandle result(
+      SherpaOnnxGetOfflineStreamResult(stream.get()));
+  if (result && result->text != nullptr) {
+    if (text != nullptr) *text = result->text;
+    if (tokens != nullptr) tokens->text = result->text;
+  }
+  if (result && tokens != nullptr) CopyTokens(*result, tokens);
+  return true;
 }
 
 }  // namespace
@@ -245,34 +253,18 @@ bool OfflineDecoderBackend::DecodeBlock(const std::vector<float>& samples,
     return false;
   }
   std::lock_guard<std::mutex> lock(decode_mutex_);
-  const SherpaOnnxOfflineRecognizer* recognizer = impl_->recognizer.get();
-  try {
-    OfflineStreamHandle stream(SherpaOnnxCreateOfflineStream(recognizer));
-    if (!stream) {
-      SetError(error, "SherpaOnnxCreateOfflineStream() failed");
-      return false;
-    }
-    SherpaOnnxAcceptWaveformOffline(stream.get(), impl_->options.sample_rate,
-                                    samples.data(),
-                                    static_cast<int32_t>(samples.size()));
-    SherpaOnnxDecodeOfflineStream(recognizer, stream.get());
-    const OfflineResultHandle result(
-        SherpaOnnxGetOfflineStreamResult(stream.get()));
-    if (result && result->text != nullptr) {
-      if (text != nullptr) *text = result->text;
-      if (tokens != nullptr) tokens->text = result->text;
-    }
-    if (result && tokens != nullptr) CopyTokens(*result, tokens);
-  } catch (const std::exception& e) {
-    ClearOutputs(text, tokens);
-    SetError(error, std::string(kDecodeExceptionPrefix) + e.what());
-    return false;
-  } catch (...) {
-    ClearOutputs(text, tokens);
-    SetError(error, kDecodeUnknownException);
-    return false;
-  }
-  return true;
+  bool decoded = false;
+  const bool called = CallLibrary(
+      "SherpaOnnxDecodeOfflineStream()",
+      [&] {
+        decoded = DecodeOneStream(impl_->recognizer.get(),
+                                  impl_->options.sample_rate, samples, text,
+                                  tokens, error);
+      },
+      error);
+  // A half-copied result must not pass for the decode of the block.
+  if (!called) ClearOutputs(text, tokens);
+  return called && decoded;
 }
 
 }  // namespace kerrow

@@ -1,7 +1,6 @@
 #include "engine/punc_backend.h"
 
 #include <algorithm>
-#include <exception>
 
 #include "engine/library_call.h"
 #include "engine/model_file_check.h"
@@ -19,21 +18,13 @@ bool CreatePunctuation(const PuncInitOptions& options,
   config.model.num_threads = std::max<int32_t>(options.num_threads, 1);
   config.model.debug = 0;
   config.model.provider = options.provider.c_str();
-  try {
-    punctuation->reset(SherpaOnnxCreateOfflinePunctuation(&config));
-  } catch (const std::exception& e) {
-    SetError(error,
-             std::string("SherpaOnnxCreateOfflinePunctuation() exception: ") +
-                 e.what());
-    return false;
-  } catch (...) {
-    SetError(error, "SherpaOnnxCreateOfflinePunctuation() unknown exception");
+  if (!CallLibrary(
+          "SherpaOnnxCreateOfflinePunctuation()",
+          [&] { punctuation->reset(SherpaOnnxCreateOfflinePunctuation(&config)); },
+          error)) {
     return false;
   }
-  if (!*punctuation) {
-    SetError(error, "SherpaOnnxCreateOfflinePunctuation() failed");
-    return false;
-  }
+  if (!*punctuation) return Fail(error, "SherpaOnnxCreateOfflinePunctuation() failed");
   return true;
 }
 
@@ -74,23 +65,18 @@ bool PuncBackend::AddPunctuation(const std::string& text, std::string* out,
     SetError(error, "Punctuation backend is not initialized");
     return false;
   }
-  try {
-    const PunctuatedTextHandle punctuated(
-        SherpaOfflinePunctuationAddPunct(impl_->punctuation.get(), text.c_str()));
-    if (!punctuated) {
-      SetError(error, "SherpaOfflinePunctuationAddPunct() failed");
-      return false;
-    }
-    if (out != nullptr) *out = punctuated.get();
-  } catch (const std::exception& e) {
-    SetError(error,
-             std::string("SherpaOfflinePunctuationAddPunct() exception: ") +
-                 e.what());
-    return false;
-  } catch (...) {
-    SetError(error, "SherpaOfflinePunctuationAddPunct() unknown exception");
+  PunctuatedTextHandle punctuated;
+  if (!CallLibrary(
+          "SherpaOfflinePunctuationAddPunct()",
+          [&] {
+            punctuated.reset(SherpaOfflinePunctuationAddPunct(
+                impl_->punctuation.get(), text.c_str()));
+          },
+          error)) {
     return false;
   }
+  if (!punctuated) return Fail(error, "SherpaOfflinePunctuationAddPunct() failed");
+  if (out != nullptr) *out = punctuated.get();
   return true;
 }
 

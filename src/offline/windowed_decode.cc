@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "common/error_text.h"
 #include "engine/offline_decoder_backend.h"
 #include "offline/vad_grouping.h"
 #include "text/piece_join.h"
@@ -12,10 +13,7 @@ bool DecodeWithinRecognizerWindow(const Options& options,
                                   OfflineDecoderBackend* decoder,
                                   const std::vector<float>& samples,
                                   std::string* text, std::string* error) {
-  if (decoder == nullptr) {
-    if (error != nullptr) *error = "Decoder is not initialized";
-    return false;
-  }
+  if (decoder == nullptr) return Fail(error, "Decoder is not initialized");
   const auto total = static_cast<int64_t>(samples.size());
   const VadGroupingLimits limits = MakeVadGroupingLimits(options, total);
   const std::vector<SampleSpan> pieces = RecognizerWindowPieces(limits, {0, total});

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <utility>
 
+#include "common/error_text.h"
 #include "speaker/atomic_file_writer.h"
 #include "speaker/enroll_db_lock.h"
 #include "speaker/md5.h"
@@ -27,15 +28,6 @@ namespace {
 
 constexpr char kHeaderKeyword[] = "speaker-enroll";
 constexpr char kHeaderLine[] = "speaker-enroll v2";
-
-void SetError(std::string* error, const std::string& message) {
-  if (error != nullptr) *error = message;
-}
-
-bool Fail(std::string* error, const std::string& message) {
-  SetError(error, message);
-  return false;
-}
 
 bool FailAtLine(std::string* error, const std::string& message, int line_number) {
   return Fail(error, message + std::to_string(line_number));

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "common/error_text.h"
 #include "speaker/atomic_file_writer.h"
 
 namespace kerrow {
@@ -42,12 +43,11 @@ bool EnrollDbLock::Acquire(const std::string& db_path, std::string* error) {
   fd_ = OpenLockFile(lock_path);
   if (fd_ < 0) {
     if (CannotWriteHere(errno)) return true;
-    if (error != nullptr) *error = "cannot open enroll DB lock file: " + lock_path;
-    return false;
+    return Fail(error, "cannot open enroll DB lock file: " + lock_path);
   }
   while (flock(fd_, LOCK_EX) != 0) {
     if (errno == EINTR) continue;
-    if (error != nullptr) *error = "cannot lock enroll DB: " + lock_path;
+    SetError(error, "cannot lock enroll DB: " + lock_path);
     close(fd_);
     fd_ = -1;
     return false;
