@@ -17,6 +17,16 @@ namespace kerrow {
 // padding, or a sum of two settings, stays defined.
 inline constexpr int64_t kMaxSampleCount = int64_t{1} << 61;
 
+// Every model kerrow runs is trained on 16 kHz audio.
+inline constexpr int32_t kDefaultSampleRate = 16000;
+
+// The live session divides by the rate it was given; a rate below 1 (which
+// the command line refuses, but the session code does not rely on that)
+// means the default instead of a division by zero or a negative clock.
+inline constexpr int32_t EffectiveSampleRate(int32_t sample_rate) {
+  return sample_rate < 1 ? kDefaultSampleRate : sample_rate;
+}
+
 enum class SampleRounding {
   kNearest,     // half away from zero
   kTowardZero,  // truncation

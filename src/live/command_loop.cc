@@ -5,6 +5,7 @@
 #include <chrono>
 #include <thread>
 
+#include "common/sample_time.h"
 #include "events/event_emitter.h"
 #include "events/number_format.h"
 #include "live/host_command.h"
@@ -36,10 +37,6 @@ struct CommandContext {
     if (emitter != nullptr) emitter->EmitLog(message);
   }
 };
-
-int EffectiveSampleRate(const Options& options) {
-  return options.sample_rate < 1 ? 16000 : options.sample_rate;
-}
 
 void StartCapture(const CommandContext& context) {
   SharedState* state = context.state;
@@ -125,7 +122,7 @@ void SetSinglePartialInterval(const CommandContext& context, double seconds) {
   context.state->single_partial_step_samples.store(step);
   std::string message =
       "single-partial-interval updated to " +
-      FormatFixed(static_cast<double>(step) / EffectiveSampleRate(options), 3) + "s";
+      FormatFixed(SamplesToSeconds(step, EffectiveSampleRate(options.sample_rate)), 3) + "s";
   if (!(options.single_model_streaming && options.manual_realtime)) {
     message += " (inactive until native single-model manual-realtime is used)";
   }

@@ -380,7 +380,7 @@ class PcmSession {
     if (k <= last_keepalive_) return;
     last_keepalive_ = k;
     Log("PCM keepalive: received " +
-        FormatSixDecimals(static_cast<double>(total) / settings_.sample_rate) + "s audio");
+        FormatSixDecimals(SamplesToSeconds(static_cast<int64_t>(total), settings_.sample_rate)) + "s audio");
   }
 
   const Options& options_;

@@ -19,6 +19,7 @@ constexpr int64_t kVadWindowSamples = 512;
 // report hardly anything.
 constexpr double kMaxUnheardSpeechSeconds = 30.0;
 constexpr double kRecentAudioMarginSeconds = 1.0;
+constexpr double kKeepalivePeriodSeconds = 5.0;
 
 // NaN and values not above zero fall back to the default.
 double PositiveOr(double value, double fallback) { return value > 0.0 ? value : fallback; }
@@ -27,13 +28,13 @@ double PositiveOr(double value, double fallback) { return value > 0.0 ? value : 
 
 PcmLoopSettings ComputePcmLoopSettings(const Options& options) {
   PcmLoopSettings settings;
-  const int rate = options.sample_rate < 1 ? 16000 : options.sample_rate;
+  const int rate = EffectiveSampleRate(options.sample_rate);
   settings.sample_rate = rate;
 
   double chunk_seconds = options.chunk_duration >= 0.02 ? options.chunk_duration : 0.02;
   chunk_seconds = std::min(chunk_seconds, kMaxChunkSeconds);
   settings.chunk_samples = static_cast<size_t>(std::max<int64_t>(SecondsToSamples(chunk_seconds, rate), 1));
-  settings.keepalive_period = 5ULL * static_cast<uint64_t>(rate);
+  settings.keepalive_period = static_cast<uint64_t>(SecondsToSamples(kKeepalivePeriodSeconds, rate));
   settings.batch_size = std::max(options.second_pass_every, 0);
 
   settings.trim_cap = options.single_trim_cap > 0.0 ? SecondsToSamples(options.single_trim_cap, rate) : 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/sample_time.h"
 #include "events/event_emitter.h"
 #include "events/segment_result.h"
 #include "events/transcript_records.h"
@@ -12,10 +13,6 @@
 namespace kerrow {
 
 namespace {
-
-double SampleRateForTimes(const Options& options) {
-  return options.sample_rate > 0 ? static_cast<double>(options.sample_rate) : 16000.0;
-}
 
 // Each segment goes in behind its lookback: the VAD opens a segment only once
 // speech is under way, and without the audio before it the first sounds of
@@ -40,10 +37,10 @@ SegmentResult BatchTimeSpan(const Options& options,
         end_sample, static_cast<int64_t>(segment.start_sample) +
                         static_cast<int64_t>(segment.samples.size()));
   }
-  const double rate = SampleRateForTimes(options);
+  const int32_t rate = EffectiveSampleRate(options.sample_rate);
   SegmentResult result;
-  result.start_time = static_cast<double>(segments.front().start_sample) / rate;
-  result.end_time = static_cast<double>(end_sample) / rate;
+  result.start_time = SamplesToSeconds(segments.front().start_sample, rate);
+  result.end_time = SamplesToSeconds(end_sample, rate);
   return result;
 }
 

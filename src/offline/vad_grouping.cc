@@ -16,11 +16,7 @@ namespace {
 
 // Without a maximum speech length a group may still not grow past this.
 constexpr double kDefaultMaxGroupSeconds = 8.0;
-constexpr int64_t kWhisperMaxSpanSeconds = 29;
-
-int64_t SecondsToSamplesRounded(double seconds, int32_t sample_rate) {
-  return SecondsToSamples(seconds, sample_rate);
-}
+constexpr double kWhisperMaxSpanSeconds = 29.0;
 
 VadPlanStep LogStep(const std::string& line) {
   VadPlanStep step;
@@ -51,13 +47,13 @@ VadGroupingLimits MakeVadGroupingLimits(const Options& options,
       std::max<int64_t>(SecondsToSamples(max_group_seconds, sr, SampleRounding::kTowardZero), sr);
   limits.whisper = options.second_type == "whisper";
   limits.max_span_samples =
-      limits.whisper ? std::max<int64_t>(kWhisperMaxSpanSeconds * sr, 1)
+      limits.whisper ? std::max<int64_t>(SecondsToSamples(kWhisperMaxSpanSeconds, sr), 1)
                      : std::numeric_limits<int32_t>::max();
   limits.silence_gap_samples = std::max<int64_t>(
-      SecondsToSamplesRounded(options.vad_min_silence, sr), 1);
-  limits.lookback_samples = SecondsToSamplesRounded(options.vad_lookback, sr);
+      SecondsToSamples(options.vad_min_silence, sr), 1);
+  limits.lookback_samples = SecondsToSamples(options.vad_lookback, sr);
   limits.lookahead_samples =
-      SecondsToSamplesRounded(options.vad_lookahead, sr);
+      SecondsToSamples(options.vad_lookahead, sr);
   return limits;
 }
 
