@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "engine/punc_backend.h"
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 namespace kerrow {
 namespace {

@@ -15,7 +15,7 @@
 #include "fuzz_check.h"
 #include "strict_json.h"
 #include "text/punc_refine.h"
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "fuzz_check.h"
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "text/ascii_case.h"
+#include "common/ascii_case.h"
 
 namespace kerrow {
 

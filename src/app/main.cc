@@ -3,7 +3,7 @@
 #include <string>
 
 #include "app/arg_parser.h"
-#include "app/options.h"
+#include "common/options.h"
 #include "app/out_of_memory_guard.h"
 #include "app/run.h"
 #include "events/event_emitter.h"

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "app/out_of_memory_guard.h"
+#include "audio/audio_buffer.h"
 #include "audio/pcm_file_reader.h"
 #include "audio/wav_reader.h"
 #include "diarization/diarization_backend.h"

@@ -1,7 +1,7 @@
 #ifndef KERROW_APP_RUN_H_
 #define KERROW_APP_RUN_H_
 
-#include "app/options.h"
+#include "common/options.h"
 
 namespace kerrow {
 

@@ -10,7 +10,7 @@
 #include "engine/model_file_check.h"
 #include "engine/sherpa_handles.h"
 #include "engine/sherpa_onnx_c_api.h"
-#include "text/ascii_case.h"
+#include "common/ascii_case.h"
 
 namespace kerrow {
 

@@ -11,7 +11,7 @@
 #include "engine/onnx_model_info.h"
 #include "engine/sherpa_handles.h"
 #include "engine/sherpa_onnx_c_api.h"
-#include "text/ascii_case.h"
+#include "common/ascii_case.h"
 
 namespace kerrow {
 

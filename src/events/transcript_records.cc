@@ -4,7 +4,7 @@
 
 #include "events/json_escape.h"
 #include "events/number_format.h"
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 namespace kerrow {
 

@@ -1,7 +1,7 @@
 #ifndef KERROW_LIVE_CAPTURE_BUFFERS_H_
 #define KERROW_LIVE_CAPTURE_BUFFERS_H_
 
-#include "app/options.h"
+#include "common/options.h"
 
 namespace kerrow {
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <thread>
 
+#include "audio/audio_buffer.h"
 #include "common/sample_time.h"
 #include "events/event_emitter.h"
 #include "events/number_format.h"
@@ -89,7 +90,7 @@ void StopCapture(const CommandContext& context) {
   if (!options.manual_realtime) {
     EndCapture(context);
     DecodeAndEmitManualSegment(options, context.decoder, context.punc, context.emitter,
-                               context.audio, state);
+                               context.audio, &state->pending_stop_flush);
     return;
   }
   if (!options.offline_2pass) {

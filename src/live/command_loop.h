@@ -3,7 +3,8 @@
 
 #include <string>
 
-#include "app/options.h"
+#include "audio/audio_buffer.h"
+#include "common/options.h"
 #include "live/host_command.h"
 #include "live/shared_state.h"
 

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "audio/audio_buffer.h"
 #include "audio/pcm_pipe_reader.h"
 #include "common/sample_time.h"
 #include "engine/offline_decoder_backend.h"
@@ -177,7 +178,8 @@ class PcmSession {
         if (state_->pending_stop_flush.exchange(false)) FlushAtStop();
       } else if (state_->pending_stop_flush.exchange(false)) {
         // Without a VAD the capture was only buffered: decode it whole.
-        DecodeAndEmitManualSegment(options_, decoder_, punc_, emitter_, audio_, state_);
+        DecodeAndEmitManualSegment(options_, decoder_, punc_, emitter_, audio_,
+                                   &state_->pending_stop_flush);
       }
     }
     if (state_->pending_offline_decode.exchange(false)) {

@@ -1,7 +1,8 @@
 #ifndef KERROW_LIVE_PCM_LOOP_H_
 #define KERROW_LIVE_PCM_LOOP_H_
 
-#include "app/options.h"
+#include "audio/audio_buffer.h"
+#include "common/options.h"
 #include "live/shared_state.h"
 
 namespace kerrow {

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "app/options.h"
+#include "common/options.h"
 
 namespace kerrow {
 

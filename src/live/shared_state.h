@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace kerrow {
 
@@ -34,15 +33,6 @@ struct SharedState {
 
   std::mutex mode_mutex;
   std::string mode = "auto";  // guarded by mode_mutex
-};
-
-// The audio of the current capture. samples feeds the manual segment decode;
-// capture_samples keeps everything since the last "start" for the whole-capture
-// decode. The mutex is held only to append, copy or clear, never across a decode.
-struct AudioBuffer {
-  std::mutex mutex;
-  std::vector<float> samples;
-  std::vector<float> capture_samples;
 };
 
 // The single-model partial step in samples: seconds (0.5 when not a positive

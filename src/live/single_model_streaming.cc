@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "audio/audio_buffer.h"
 #include "common/sample_time.h"
 #include "engine/offline_decoder_backend.h"
 #include "events/event_emitter.h"

@@ -6,7 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "app/options.h"
+#include "audio/audio_buffer.h"
+#include "common/options.h"
 #include "live/pcm_loop_settings.h"
 #include "live/shared_state.h"
 

@@ -5,11 +5,11 @@
 #include <utility>
 #include <vector>
 
+#include "audio/audio_buffer.h"
 #include "common/sample_time.h"
 #include "events/event_emitter.h"
 #include "events/segment_result.h"
 #include "events/transcript_records.h"
-#include "live/shared_state.h"
 #include "offline/windowed_decode.h"
 #include "text/punc_refine.h"
 
@@ -24,7 +24,8 @@ constexpr double kMinSegmentSeconds = 0.05;
 bool DecodeAndEmitManualSegment(const Options& options,
                                 OfflineDecoderBackend* decoder,
                                 PuncBackend* punc, EventEmitter* emitter,
-                                AudioBuffer* audio, SharedState* state) {
+                                AudioBuffer* audio,
+                                std::atomic<bool>* pending_stop_flush) {
   std::vector<float> samples;
   {
     std::lock_guard<std::mutex> lock(audio->mutex);
@@ -72,7 +73,7 @@ bool DecodeAndEmitManualSegment(const Options& options,
 
   // The segment that a stop asked for is out; a pending flush request for the
   // PCM thread would only decode an empty buffer again.
-  if (state != nullptr) state->pending_stop_flush.store(false);
+  if (pending_stop_flush != nullptr) pending_stop_flush->store(false);
   return true;
 }
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "app/options.h"
+#include "common/options.h"
 #include "diarization/diarization_backend.h"
 
 namespace kerrow {

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "audio/audio_buffer.h"
 #include "common/sample_time.h"
 #include "diarization/diarization_backend.h"
 #include "engine/offline_decoder_backend.h"
@@ -17,7 +18,6 @@
 #include "events/number_format.h"
 #include "events/segment_result.h"
 #include "events/transcript_records.h"
-#include "live/shared_state.h"
 #include "offline/offline_diarization.h"
 #include "offline/speaker_assign.h"
 #include "offline/speech_search.h"

@@ -9,7 +9,7 @@
 
 #include "events/event_emitter.h"
 #include "events/number_format.h"
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 namespace kerrow {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "app/options.h"
+#include "common/options.h"
 #include "engine/vad_backend.h"
 #include "offline/vad_grouping.h"
 

@@ -1,7 +1,7 @@
 #ifndef KERROW_SPEAKER_IDENTIFY_ONLY_COMMAND_H_
 #define KERROW_SPEAKER_IDENTIFY_ONLY_COMMAND_H_
 
-#include "app/options.h"
+#include "common/options.h"
 
 namespace kerrow {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "app/options.h"
+#include "common/options.h"
 
 namespace kerrow {
 

@@ -1,7 +1,7 @@
 #ifndef KERROW_SPEAKER_SPEAKER_DB_COMMANDS_H_
 #define KERROW_SPEAKER_SPEAKER_DB_COMMANDS_H_
 
-#include "app/options.h"
+#include "common/options.h"
 
 namespace kerrow {
 

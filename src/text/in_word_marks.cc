@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 #include "text/word_chars.h"
 
 namespace kerrow {

@@ -9,7 +9,7 @@
 #include "events/transcript_records.h"
 #include "text/in_word_marks.h"
 #include "text/piece_join.h"
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 #include "text/word_chars.h"
 
 namespace kerrow {

@@ -2,7 +2,7 @@
 
 #include <cctype>
 
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 namespace kerrow {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/options.h"
+#include "common/options.h"
 
 namespace kerrow {
 namespace {

@@ -20,7 +20,8 @@
 #include <thread>
 #include <vector>
 
-#include "app/options.h"
+#include "audio/audio_buffer.h"
+#include "common/options.h"
 #include "engine/online_backend.h"
 #include "engine/vad_backend.h"
 #include "events/event_emitter.h"

@@ -4,7 +4,7 @@
 
 #include "live_harness.h"
 #include "live_models.h"
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 namespace kerrow::testing {
 namespace {

@@ -2,11 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
+#include "audio/audio_buffer.h"
 #include "events/event_emitter.h"
-#include "live/shared_state.h"
 #include "offline/pipeline_fixtures.h"
 #include "offline/stdout_capture.h"
 
@@ -40,13 +41,12 @@ ManualRun RunManual(const Options& options, OfflineDecoderBackend* decoder, Punc
   EventEmitter emitter;
   AudioBuffer audio;
   audio.samples = std::move(samples);
-  SharedState state;
-  state.pending_stop_flush = true;
+  std::atomic<bool> pending_stop_flush{true};
   ManualRun run;
   StdoutCapture capture;
-  run.ok = DecodeAndEmitManualSegment(options, decoder, punc, &emitter, &audio, &state);
+  run.ok = DecodeAndEmitManualSegment(options, decoder, punc, &emitter, &audio, &pending_stop_flush);
   run.lines = capture.Stop();
-  run.stop_flush_after = state.pending_stop_flush.load();
+  run.stop_flush_after = pending_stop_flush.load();
   run.samples_left = audio.samples.size();
   return run;
 }

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "audio/audio_buffer.h"
 #include "events/event_emitter.h"
-#include "live/shared_state.h"
 #include "offline/offline_two_pass.h"
 #include "offline/pipeline_fixtures.h"
 #include "offline/stdout_capture.h"

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "audio/audio_buffer.h"
 #include "diarization/diarization_backend.h"
 #include "events/event_emitter.h"
-#include "live/shared_state.h"
 #include "offline/pipeline_fixtures.h"
 #include "offline/stdout_capture.h"
 #include "speaker/enroll_db.h"

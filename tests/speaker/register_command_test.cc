@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "app/options.h"
+#include "common/options.h"
 #include "speaker/enroll_db.h"
 #include "speaker_fixtures.h"
 #include "support/kerrow_process.h"

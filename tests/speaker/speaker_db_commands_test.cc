@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "app/options.h"
+#include "common/options.h"
 #include "speaker/enroll_db.h"
 #include "speaker/enroll_db_test_util.h"
 #include "speaker/samples_dir.h"

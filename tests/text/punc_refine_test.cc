@@ -10,7 +10,7 @@
 #include "engine/punc_backend.h"
 #include "events/event_emitter.h"
 #include "offline/stdout_capture.h"
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 namespace kerrow {
 namespace {

@@ -1,5 +1,5 @@
-#ifndef KERROW_TEXT_ASCII_CASE_H_
-#define KERROW_TEXT_ASCII_CASE_H_
+#ifndef KERROW_COMMON_ASCII_CASE_H_
+#define KERROW_COMMON_ASCII_CASE_H_
 
 #include <cctype>
 #include <string>
@@ -18,4 +18,4 @@ inline std::string ToLowerAscii(std::string text) {
 
 }  // namespace kerrow
 
-#endif  // KERROW_TEXT_ASCII_CASE_H_
+#endif  // KERROW_COMMON_ASCII_CASE_H_

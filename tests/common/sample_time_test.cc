@@ -1,5 +1,4 @@
-// The seconds/samples conversion every folder uses. It lives in src/common,
-// which has no suite of its own; the live session is its heaviest user.
+// The seconds/samples conversion every folder uses.
 
 #include "common/sample_time.h"
 

@@ -1,5 +1,5 @@
-#ifndef KERROW_APP_OPTIONS_H_
-#define KERROW_APP_OPTIONS_H_
+#ifndef KERROW_COMMON_OPTIONS_H_
+#define KERROW_COMMON_OPTIONS_H_
 
 #include <cstdint>
 #include <string>
@@ -86,4 +86,4 @@ struct Options {
 
 }  // namespace kerrow
 
-#endif  // KERROW_APP_OPTIONS_H_
+#endif  // KERROW_COMMON_OPTIONS_H_

@@ -1,4 +1,4 @@
-#include "text/utf8_punc.h"
+#include "common/utf8_punc.h"
 
 #include <string>
 #include <vector>

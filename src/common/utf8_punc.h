@@ -1,5 +1,5 @@
-#ifndef KERROW_TEXT_UTF8_PUNC_H_
-#define KERROW_TEXT_UTF8_PUNC_H_
+#ifndef KERROW_COMMON_UTF8_PUNC_H_
+#define KERROW_COMMON_UTF8_PUNC_H_
 
 #include <array>
 #include <cstddef>
@@ -86,4 +86,4 @@ std::string EnsureTerminalPunc(const std::string& text);
 
 }  // namespace kerrow
 
-#endif  // KERROW_TEXT_UTF8_PUNC_H_
+#endif  // KERROW_COMMON_UTF8_PUNC_H_
