@@ -9,10 +9,12 @@
 #include <utility>
 #include <vector>
 
+#include "app/library_thread_counts.h"
 #include "app/out_of_memory_guard.h"
 #include "audio/audio_buffer.h"
 #include "audio/pcm_file_reader.h"
 #include "audio/wav_reader.h"
+#include "common/thread_count_cap.h"
 #include "diarization/diarization_backend.h"
 #include "engine/offline_decoder_backend.h"
 #include "engine/online_backend.h"
@@ -69,10 +71,10 @@ bool ReportInit(EventEmitter* emitter, bool ok, const std::string& error, const 
   return false;
 }
 
-DecoderInitOptions MakeDecoderInitOptions(const Options& options) {
+DecoderInitOptions MakeDecoderInitOptions(const Options& options, LibraryThreadCounts* threads) {
   DecoderInitOptions init;
   init.sample_rate = options.sample_rate;
-  init.num_threads = options.num_threads_second;
+  init.num_threads = threads->For("[M2]", "--num-threads-second", options.num_threads_second);
   init.provider = options.provider_second;
   init.model_type = options.second_type;
   init.sense_voice_model = options.second_model;
@@ -87,19 +89,20 @@ DecoderInitOptions MakeDecoderInitOptions(const Options& options) {
 
 // The "Creating recognizers" line deliberately follows the offline model load:
 // the host reads it as "the long load is over, the rest follows".
-void InitDecoder(const Options& options, EventEmitter* emitter, OfflineDecoderBackend* decoder,
-                 std::string* error) {
-  const bool ok = decoder->Init(MakeDecoderInitOptions(options), error);
+void InitDecoder(const Options& options, LibraryThreadCounts* threads, EventEmitter* emitter,
+                 OfflineDecoderBackend* decoder, std::string* error) {
+  const bool ok = decoder->Init(MakeDecoderInitOptions(options, threads), error);
   emitter->EmitLog("Creating recognizers. Please wait...");
   ReportInit(emitter, ok, *error,
              {"[M2] Offline decoder initialized", "[M2] Offline decoder init failed: ",
               "[M2] Running in skeleton fallback mode"});
 }
 
-bool InitPunctuation(const Options& options, EventEmitter* emitter, PuncBackend* punc) {
+bool InitPunctuation(const Options& options, LibraryThreadCounts* threads, EventEmitter* emitter,
+                     PuncBackend* punc) {
   PuncInitOptions init;
   init.model = options.ct_transformer;
-  init.num_threads = options.num_threads_punc;
+  init.num_threads = threads->For("[M3]", "--num-threads-punc", options.num_threads_punc);
   init.provider = options.provider_punc;
   std::string error;
   const bool ok = punc->Init(init, &error);
@@ -107,11 +110,11 @@ bool InitPunctuation(const Options& options, EventEmitter* emitter, PuncBackend*
                     {"[M3] Offline punctuation initialized", "[M3] Offline punctuation init failed: ", ""});
 }
 
-OnlineInitOptions MakeOnlineInitOptions(const Options& options) {
+OnlineInitOptions MakeOnlineInitOptions(const Options& options, LibraryThreadCounts* threads) {
   OnlineInitOptions init;
   init.sample_rate = options.sample_rate;
   init.feature_dim = 80;
-  init.num_threads = options.num_threads_first;
+  init.num_threads = threads->For("[M3]", "--num-threads-first", options.num_threads_first);
   init.provider = options.provider_first;
   init.model_type = options.first_model_type;
   init.encoder = options.first_encoder;
@@ -127,9 +130,10 @@ OnlineInitOptions MakeOnlineInitOptions(const Options& options) {
   return init;
 }
 
-bool InitOnline(const Options& options, EventEmitter* emitter, OnlineBackend* online) {
+bool InitOnline(const Options& options, LibraryThreadCounts* threads, EventEmitter* emitter,
+                OnlineBackend* online) {
   std::string error;
-  const bool ok = online->Init(MakeOnlineInitOptions(options), &error);
+  const bool ok = online->Init(MakeOnlineInitOptions(options, threads), &error);
   return ReportInit(emitter, ok, error,
                     {"[M3] Online recognizer initialized for first-pass partials",
                      "[M3] Online recognizer init failed: ", "[M3] first-pass will fallback to placeholder events"});
@@ -170,12 +174,20 @@ std::string DiarizationLabel(const Options& options) {
   return "fluidaudio-diar, backend=" + backend;
 }
 
-std::unique_ptr<DiarizationBackend> InitDiarization(const Options& options, EventEmitter* emitter) {
+// The diarization thread count reaches the library through the in-process
+// backend and the speaker identifier; a helper process is given no count.
+int32_t DiarizationThreads(const Options& options, LibraryThreadCounts* threads) {
+  return std::max(threads->For("[M2]", "--diarization-num-threads", options.diarization_num_threads), 1);
+}
+
+std::unique_ptr<DiarizationBackend> InitDiarization(const Options& options, LibraryThreadCounts* threads,
+                                                    EventEmitter* emitter) {
   DiarizationInitOptions init;
   init.model = options.diarization_model;
   init.segmentation_model = options.diarization_segmentation_model;
   init.embedding_model = options.diarization_embedding_model;
-  init.num_threads = std::max(options.diarization_num_threads, 1);
+  init.num_threads = options.diarization_helper_binary.empty() ? DiarizationThreads(options, threads)
+                                                               : std::max(options.diarization_num_threads, 1);
   init.provider = options.provider_first;
   init.min_speakers = options.diarization_min_speakers;
   init.max_speakers = options.diarization_max_speakers;
@@ -193,11 +205,12 @@ bool SpeakerIdRequested(const Options& options) {
   return options.speaker_id && !options.speaker_embedding_model.empty() && !options.speaker_enroll_db.empty();
 }
 
-bool InitSpeakerId(const Options& options, EventEmitter* emitter, SpeakerIdentifier* identifier) {
+bool InitSpeakerId(const Options& options, LibraryThreadCounts* threads, EventEmitter* emitter,
+                   SpeakerIdentifier* identifier) {
   SpeakerIdentifierOptions init;
   init.model = options.speaker_embedding_model;
   init.enroll_db = options.speaker_enroll_db;
-  init.num_threads = std::max(options.diarization_num_threads, 1);
+  init.num_threads = DiarizationThreads(options, threads);
   init.provider = options.provider_first;
   init.threshold = static_cast<float>(options.speaker_id_threshold);
   std::string error;
@@ -307,24 +320,25 @@ int Run(const Options& options) {
     state.mode = "auto";
   }
 
+  LibraryThreadCounts threads(UsableCoreCount(), &emitter);
   Components components;
-  InitDecoder(options, &emitter, &decoder, &components.decoder_error);
+  InitDecoder(options, &threads, &emitter, &decoder, &components.decoder_error);
   components.decoder = &decoder;
   components.decoder_ready = decoder.IsReady();
 
-  if (!options.ct_transformer.empty() && InitPunctuation(options, &emitter, &punc)) components.punc = &punc;
+  if (!options.ct_transformer.empty() && InitPunctuation(options, &threads, &emitter, &punc)) components.punc = &punc;
 
   if (options.manual_realtime) {
-    if (!options.single_model_streaming && InitOnline(options, &emitter, &online)) components.online = &online;
+    if (!options.single_model_streaming && InitOnline(options, &threads, &emitter, &online)) components.online = &online;
     if (InitVad(options, &emitter, &vad)) components.vad = &vad;
   }
 
   if (DiarizationRequested(options)) {
-    diarization = InitDiarization(options, &emitter);
+    diarization = InitDiarization(options, &threads, &emitter);
     components.diarization = diarization.get();
   }
   if (components.diarization != nullptr && SpeakerIdRequested(options) &&
-      InitSpeakerId(options, &emitter, &speaker_identifier) && speaker_identifier.IsReady()) {
+      InitSpeakerId(options, &threads, &emitter, &speaker_identifier) && speaker_identifier.IsReady()) {
     components.speaker_id = &speaker_identifier;
   }
 

@@ -1,11 +1,13 @@
 #include "speaker/identify_only_command.h"
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "audio/wav_reader.h"
+#include "common/thread_count_cap.h"
 #include "diarization/diarization_backend.h"
 #include "events/event_emitter.h"
 #include "events/json_escape.h"
@@ -38,8 +40,9 @@ SpeakerIdentifierOptions IdentifierOptionsFrom(const Options& options) {
   SpeakerIdentifierOptions identifier_options;
   identifier_options.model = options.speaker_embedding_model;
   identifier_options.enroll_db = options.speaker_enroll_db;
+  // A one-shot reply has no set-up log to mention the lowering in.
   identifier_options.num_threads =
-      options.diarization_num_threads < 2 ? 1 : options.diarization_num_threads;
+      std::max(CapThreadCount(options.diarization_num_threads, UsableCoreCount()), 1);
   identifier_options.provider = options.provider_first;
   identifier_options.threshold = static_cast<float>(options.speaker_id_threshold);
   return identifier_options;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "audio/wav_reader.h"
+#include "common/thread_count_cap.h"
 #include "events/event_emitter.h"
 #include "events/json_escape.h"
 #include "speaker/enroll_db.h"
@@ -42,7 +43,8 @@ bool ComputeRegisterEmbedding(const Options& options, const std::vector<float>& 
                               std::vector<float>* embedding, std::string* error) {
   SpeakerIdentifierOptions identifier_options;
   identifier_options.model = options.speaker_embedding_model;
-  identifier_options.num_threads = std::max(1, options.diarization_num_threads);
+  // A one-shot reply has no set-up log to mention the lowering in.
+  identifier_options.num_threads = std::max(1, CapThreadCount(options.diarization_num_threads, UsableCoreCount()));
   identifier_options.provider = options.provider_first;
   identifier_options.threshold = 0.7f;
   SpeakerIdentifier identifier;

@@ -21,6 +21,12 @@ namespace {
 
 const std::string kCreating = LogLine("Creating recognizers. Please wait...");
 const std::string kDecoderReady = LogLine("[M2] Offline decoder initialized");
+
+// The stub decode leaves --num-threads-second at its default (4), which may be
+// lowered to the cores before the model loads.
+std::vector<std::string> StubDecoderSetUp(const std::vector<std::string>& more) {
+  return Concat(Concat(LoweredSecondPassThreadsLines(), {kCreating, kDecoderReady}), more);
+}
 const std::string kHelperReady =
     LogLine("[M2] Speaker diarization initialized (fluidaudio-diar, backend=offline)");
 const std::string kInitFailed = "[M2] Speaker diarization init failed: fluidaudio backend init failed: ";
@@ -173,9 +179,12 @@ TEST(DiarizationHelper, EnrolledVoicesNameTheSpeakersDiarizedByKerrowDiarize) {
                                             "--speaker-enroll-db", db}));
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stderr_text, "");
+  // The helper takes no thread count: the diarization count, when lowered, is
+  // logged before the speaker identifier, the first component to receive it.
   EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
-            (std::vector<std::string>{kCreating, kDecoderReady, kHelperReady,
-                                      LogLine("[M2] Speaker identification initialized (threshold=0.700000)")}));
+            Concat(Concat({kCreating, kDecoderReady, kHelperReady},
+                          LoweredThreadsLines("[M2]", "--diarization-num-threads", 4)),
+                   {LogLine("[M2] Speaker identification initialized (threshold=0.700000)")}));
   EXPECT_NE(IndexOfMatch(r.stdout_lines, Log("\\[SPEAKER_ID\\] SPEAKER_00 -> Ada \\(score=0\\.\\d+\\)")), -1)
       << JoinLines(r.stdout_lines);
   EXPECT_NE(IndexOfMatch(r.stdout_lines, Log("\\[SPEAKER_ID\\] SPEAKER_01 -> Bert \\(score=0\\.\\d+\\)")), -1)
@@ -197,7 +206,7 @@ TEST(DiarizationHelper, AHelperThatDiesMidRequestCostsOnlyTheSpeakerLabels) {
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stderr_text, "");
   EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
-            (std::vector<std::string>{kCreating, kDecoderReady, kHelperReady}));
+            StubDecoderSetUp({kHelperReady}));
   const int failed = IndexOfLine(r.stdout_lines, LogLine("diarization failed: diarization helper closed stdout before DONE"));
   ASSERT_NE(failed, -1) << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stdout_lines[failed + 1], LogLine("diarization failed; continue without speaker labels"));
@@ -302,8 +311,7 @@ TEST(DiarizationHelper, AHelperThatCannotBeExecutedLeavesOneLineOnStandardError)
   ASSERT_EQ(r.exit_status, 0);
   EXPECT_EQ(r.stderr_text, "execv " + helper + " failed: Exec format error\n");
   EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
-            (std::vector<std::string>{kCreating, kDecoderReady,
-                                      LogLine(kInitFailed + "diarization helper exited before READY")}));
+            StubDecoderSetUp({LogLine(kInitFailed + "diarization helper exited before READY")}));
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
 }
 
@@ -316,9 +324,7 @@ TEST(DiarizationHelper, AHelperWithoutExecutePermissionIsNamedInTheInitFailure) 
   ASSERT_EQ(r.exit_status, 0);
   EXPECT_EQ(r.stderr_text, "");
   EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
-            (std::vector<std::string>{
-                kCreating, kDecoderReady,
-                LogLine(kInitFailed + "diarization helper not executable: " + helper + " (Permission denied)")}));
+            StubDecoderSetUp({LogLine(kInitFailed + "diarization helper not executable: " + helper + " (Permission denied)")}));
 }
 
 TEST(DiarizationHelper, AHelperThatAnnouncesAnythingButReadyIsRefused) {
@@ -328,9 +334,7 @@ TEST(DiarizationHelper, AHelperThatAnnouncesAnythingButReadyIsRefused) {
   ASSERT_EQ(r.exit_status, 0);
   EXPECT_EQ(r.stderr_text, "");
   EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
-            (std::vector<std::string>{
-                kCreating, kDecoderReady,
-                LogLine(kInitFailed + "expected READY from diarization helper, got: Loading models...")}));
+            StubDecoderSetUp({LogLine(kInitFailed + "expected READY from diarization helper, got: Loading models...")}));
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
 }
 

@@ -31,6 +31,19 @@ std::vector<std::string> WhisperStubArgs() {
           "--second-decoder", WhisperStubDecoder(), "--second-tokens", WhisperStubTokens()};
 }
 
+// A run that leaves --num-threads-second at its default (4) first says whether
+// that was lowered to the cores; checks that line and returns what follows it.
+std::vector<std::string> AfterSecondPassThreadsLine(const std::vector<std::string>& lines) {
+  const std::vector<std::string> lowered = LoweredSecondPassThreadsLines();
+  if (lines.size() < lowered.size()) {
+    ADD_FAILURE() << JoinLines(lines);
+    return {};
+  }
+  const auto after = lines.begin() + static_cast<long>(lowered.size());
+  EXPECT_EQ(std::vector<std::string>(lines.begin(), after), lowered);
+  return std::vector<std::string>(after, lines.end());
+}
+
 std::vector<std::string> PatternStubArgs() {
   return {"--second-model", PatternSenseVoiceModel(), "--second-tokens", PatternSenseVoiceTokens(),
           "--num-threads-second", "1"};
@@ -39,25 +52,26 @@ std::vector<std::string> PatternStubArgs() {
 TEST(FileDecode, WhisperStubWithoutVadDecodesTheWholeFileAsOneChunk) {
   const ProcessResult r = DecodeWav(AudioPath("format-checks/3s.wav"), WhisperStubArgs());
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
-  ASSERT_EQ(r.stdout_lines.size(), 9u) << JoinLines(r.stdout_lines);
-  EXPECT_EQ(r.stdout_lines[0], LogLine("Creating recognizers. Please wait..."));
-  EXPECT_EQ(r.stdout_lines[1], LogLine("[M2] Offline decoder initialized"));
-  EXPECT_EQ(r.stdout_lines[2], ReadyLine());
-  EXPECT_EQ(r.stdout_lines[3], LogLine("WAV input: using unified offline_2pass decode path"));
+  const std::vector<std::string> lines = AfterSecondPassThreadsLine(r.stdout_lines);
+  ASSERT_EQ(lines.size(), 9u) << JoinLines(r.stdout_lines);
+  EXPECT_EQ(lines[0], LogLine("Creating recognizers. Please wait..."));
+  EXPECT_EQ(lines[1], LogLine("[M2] Offline decoder initialized"));
+  EXPECT_EQ(lines[2], ReadyLine());
+  EXPECT_EQ(lines[3], LogLine("WAV input: using unified offline_2pass decode path"));
   EXPECT_TRUE(std::regex_match(
-      r.stdout_lines[4],
+      lines[4],
       std::regex(Log("\\[TIMING\\]\\[VAD_AND_ASR\\] ms=\\d+ asr_decode_ms_sum=0 punc_group_ms_sum=0 groups=0"))))
-      << r.stdout_lines[4];
+      << lines[4];
   // "café" is 5 bytes: the count is in bytes.
-  EXPECT_TRUE(std::regex_match(r.stdout_lines[5], std::regex(Log("\\[TIMING\\]\\[PUNC_MERGED\\] ms=\\d+ chars=34"))))
-      << r.stdout_lines[5];
-  EXPECT_EQ(r.stdout_lines[6],
+  EXPECT_TRUE(std::regex_match(lines[5], std::regex(Log("\\[TIMING\\]\\[PUNC_MERGED\\] ms=\\d+ chars=34"))))
+      << lines[5];
+  EXPECT_EQ(lines[6],
             std::string(kResultPrefix) +
                 "{\"start_time\":0.00,\"end_time\":3.00,\"start_ms\":0,\"end_ms\":3000,"
                 "\"text\":\"Hello world, this is a stub café.\"}],"
                 "\"merged_text\":\"Hello world, this is a stub café.\"}");
-  EXPECT_TRUE(std::regex_match(r.stdout_lines[7], std::regex(Log("\\[TIMING\\]\\[TOTAL\\] ms=\\d+"))));
-  EXPECT_EQ(r.stdout_lines[8], CompleteLine("WAV decode done"));
+  EXPECT_TRUE(std::regex_match(lines[7], std::regex(Log("\\[TIMING\\]\\[TOTAL\\] ms=\\d+"))));
+  EXPECT_EQ(lines[8], CompleteLine("WAV decode done"));
   EXPECT_EQ(r.stderr_text, "");
 }
 
@@ -222,7 +236,7 @@ TEST(FileDecode, PcmInputTakesTheSameDecodePath) {
   WriteFileBytes(pcm, S16leBytes(LoadWavForTest(AudioPath("format-checks/3s.wav"))));
   const ProcessResult r = RunKerrow(Concat({"--manual-mode", "--pcm-input", pcm}, WhisperStubArgs()));
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
-  EXPECT_EQ(r.stdout_lines[3], LogLine("PCM input: using unified offline_2pass decode path"));
+  EXPECT_EQ(AfterSecondPassThreadsLine(r.stdout_lines)[3], LogLine("PCM input: using unified offline_2pass decode path"));
   const int result = IndexOfResult(r.stdout_lines);
   ASSERT_GE(result, 0);
   EXPECT_EQ(JsonStringField(r.stdout_lines[result], "merged_text"), "Hello world, this is a stub café.");
@@ -248,8 +262,8 @@ TEST(FileDecode, FailedDecoderRefusesTheFileWithItsInitError) {
       {"--manual-mode", "--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", missing, "--second-tokens",
        TrainedSenseVoiceTokens()});
   ASSERT_EQ(r.exit_status, 1);
-  const auto& lines = r.stdout_lines;
-  ASSERT_EQ(lines.size(), 6u) << JoinLines(lines);
+  const std::vector<std::string> lines = AfterSecondPassThreadsLine(r.stdout_lines);
+  ASSERT_EQ(lines.size(), 6u) << JoinLines(r.stdout_lines);
   EXPECT_EQ(lines[0], LogLine("Creating recognizers. Please wait..."));
   const std::string prefix = "{\"message\":\"[M2] Offline decoder init failed: ";
   ASSERT_EQ(lines[1].rfind(prefix, 0), 0u) << lines[1];
@@ -333,9 +347,9 @@ TEST_P(BadModelFileTest, AsTheRecognizerItIsRefusedAndTheFileDecodeFails) {
       RunKerrow({"--manual-mode", "--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", model, "--second-tokens",
                  TrainedSenseVoiceTokens()});
   EXPECT_EQ(r.exit_status, 1) << JoinLines(r.stdout_lines);
-  ASSERT_GE(r.stdout_lines.size(), 3u) << r.stderr_text;
-  EXPECT_EQ(r.stdout_lines[1].rfind("{\"message\":\"[M2] Offline decoder init failed: ", 0), 0u)
-      << r.stdout_lines[1];
+  const std::vector<std::string> lines = AfterSecondPassThreadsLine(r.stdout_lines);
+  ASSERT_GE(lines.size(), 3u) << r.stderr_text;
+  EXPECT_EQ(lines[1].rfind("{\"message\":\"[M2] Offline decoder init failed: ", 0), 0u) << lines[1];
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("File decode failed"));
 }
 
@@ -345,9 +359,9 @@ TEST_P(BadModelFileTest, AsThePunctuationModelTheRunGoesOnWithoutPunctuation) {
   const ProcessResult r = RunKerrow(
       Concat({"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--ct-transformer", model}, WhisperStubArgs()));
   EXPECT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
-  ASSERT_GE(r.stdout_lines.size(), 3u) << r.stderr_text;
-  EXPECT_EQ(r.stdout_lines[2].rfind("{\"message\":\"[M3] Offline punctuation init failed: ", 0), 0u)
-      << r.stdout_lines[2];
+  const std::vector<std::string> lines = AfterSecondPassThreadsLine(r.stdout_lines);
+  ASSERT_GE(lines.size(), 3u) << r.stderr_text;
+  EXPECT_EQ(lines[2].rfind("{\"message\":\"[M3] Offline punctuation init failed: ", 0), 0u) << lines[2];
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
 }
 
@@ -378,7 +392,9 @@ TEST(FileDecode, ModelOfTheWrongFamilyIsRefusedForEachRole) {
       {"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--ct-transformer", TrainedSenseVoiceModel()},
       WhisperStubArgs()));
   EXPECT_EQ(as_punctuation.exit_status, 0) << JoinLines(as_punctuation.stdout_lines);
-  EXPECT_EQ(as_punctuation.stdout_lines[2].rfind("{\"message\":\"[M3] Offline punctuation init failed: ", 0), 0u);
+  const std::vector<std::string> punctuation_lines = AfterSecondPassThreadsLine(as_punctuation.stdout_lines);
+  ASSERT_GE(punctuation_lines.size(), 3u) << JoinLines(as_punctuation.stdout_lines);
+  EXPECT_EQ(punctuation_lines[2].rfind("{\"message\":\"[M3] Offline punctuation init failed: ", 0), 0u);
 
   const ProcessResult as_vad = RunKerrow(Concat(
       {"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--silero-vad-model", TrainedPunctuationModel()},

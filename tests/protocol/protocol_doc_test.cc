@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "common/thread_count_cap.h"
 #include "support/kerrow_process.h"
 
 namespace kerrow::testing {
@@ -61,7 +62,9 @@ DocExample ReadExample(std::istream& doc, const std::string& title) {
   }
   while (std::getline(doc, line) && line != "```json") {
   }
-  while (std::getline(doc, line) && line != "```") example.lines.push_back(line);
+  // The document cannot know the cores of the machine that runs it.
+  const std::string cores = std::to_string(UsableCoreCount());
+  while (std::getline(doc, line) && line != "```") example.lines.push_back(ReplaceAll(line, "$CORES", cores));
   return example;
 }
 

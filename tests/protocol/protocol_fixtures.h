@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/thread_count_cap.h"
 #include "support/kerrow_process.h"
 
 namespace kerrow::testing {
@@ -94,6 +95,22 @@ inline std::string CompleteLine(const std::string& message) {
   return "{\"message\":\"" + message + "\",\"type\":\"complete\"}";
 }
 inline const char* ReadyLine() { return "{\"type\":\"ready\"}"; }
+
+// The set-up line saying that a thread-count option asked for more threads
+// than this process may use; none when the request fits. The core count comes
+// from the same place as kerrow's, so the expectation holds on any machine.
+inline std::vector<std::string> LoweredThreadsLines(const std::string& tag, const std::string& option,
+                                                    int32_t requested) {
+  const int32_t granted = CapThreadCount(requested, UsableCoreCount());
+  if (granted == requested) return {};
+  return {LogLine(tag + " " + option + " " + std::to_string(requested) + " lowered to " + std::to_string(granted) +
+                  ", the number of cores this process may use")};
+}
+// The same for the second pass, whose default count (4) is the one most runs
+// give; it comes first, before the second-pass model loads.
+inline std::vector<std::string> LoweredSecondPassThreadsLines(int32_t requested = 4) {
+  return LoweredThreadsLines("[M2]", "--num-threads-second", requested);
+}
 
 // Index of the first line at or after `from` that equals `line`, or -1.
 inline int IndexOfLine(const std::vector<std::string>& lines, const std::string& line, size_t from = 0) {
