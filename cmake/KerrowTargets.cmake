@@ -17,7 +17,13 @@ function(kerrow_apply_warnings target)
   endif()
 endfunction()
 
+include(${CMAKE_CURRENT_LIST_DIR}/KerrowLayers.cmake)
+
+# One object library per layer of src/. Its dependencies are the layers below
+# it in KERROW_LAYERS, recorded on the target so that anything linking it gets
+# them too.
 function(kerrow_subsystem name)
+  kerrow_layers_below(${name} depends)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/${name}/*.cc)
   # Each executable's main lives beside its subsystem but outside its library.
   list(FILTER sources EXCLUDE REGEX "/(kerrow_diarize_)?main\\.cc$")
@@ -25,12 +31,20 @@ function(kerrow_subsystem name)
     add_library(kerrow_${name} OBJECT ${sources})
     kerrow_apply_warnings(kerrow_${name})
     target_compile_definitions(kerrow_${name} PRIVATE KERROW_VERSION="0.1.0")
+    set_target_properties(kerrow_${name} PROPERTIES KERROW_DEPENDS "${depends}")
   endif()
 endfunction()
 
-# Adds the objects of the named subsystems to target, plus the libraries they need.
+# Adds the objects of the named subsystems and of every layer they depend on
+# to target, plus the libraries they need.
 function(kerrow_link_subsystems target)
+  set(names "")
   foreach(name ${ARGN})
+    kerrow_layers_below(${name} depends)
+    list(APPEND names ${depends} ${name})
+  endforeach()
+  list(REMOVE_DUPLICATES names)
+  foreach(name ${names})
     if(TARGET kerrow_${name})
       target_sources(${target} PRIVATE $<TARGET_OBJECTS:kerrow_${name}>)
     endif()

@@ -158,16 +158,7 @@ std::vector<Utf8Char> Utf8Scan(const std::string& text) {
   size_t pos = 0;
   while (pos < text.size()) {
     const unsigned char lead = static_cast<unsigned char>(text[pos]);
-    size_t len = 1;
-    if ((lead & 0xE0) == 0xC0) {
-      len = 2;
-    } else if ((lead & 0xF0) == 0xE0) {
-      len = 3;
-    } else if ((lead & 0xF8) == 0xF0) {
-      len = 4;
-    }
-    if (pos + len > text.size()) len = 1;
-
+    const size_t len = Utf8StepAt(text, pos);
     Utf8Char c;
     c.offset = pos;
     c.length = len;

@@ -37,8 +37,7 @@ std::string PlainTextForPuncModel(const std::string& text) {
   plain.reserve(text.size());
   bool word_break = false;
   for (size_t pos = 0; pos < text.size();) {
-    size_t step = Utf8CharLen(static_cast<unsigned char>(text[pos]));
-    if (pos + step > text.size()) step = 1;
+    const size_t step = Utf8StepAt(text, pos);
     if (ShouldStripPuncToken(text, pos, step)) {
       if (step > 1 && !plain.empty() && IsAsciiAlnum(plain.back())) word_break = true;
     } else {

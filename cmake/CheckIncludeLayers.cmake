@@ -1,0 +1,51 @@
+# Fails when a file under src/ includes a header of a folder that is not below
+# its own in the declared layers. Run as
+#   cmake -DKERROW_SOURCE_DIR=<tree> -P cmake/CheckIncludeLayers.cmake
+# KERROW_SOURCE_DIR may point at any tree laid out like this one, which is how
+# the check's own test plants a violation in a copy.
+if(NOT KERROW_SOURCE_DIR)
+  message(FATAL_ERROR "KERROW_SOURCE_DIR is not set")
+endif()
+include(${CMAKE_CURRENT_LIST_DIR}/KerrowLayers.cmake)
+
+file(GLOB folders LIST_DIRECTORIES true RELATIVE ${KERROW_SOURCE_DIR}/src ${KERROW_SOURCE_DIR}/src/*)
+set(violations 0)
+foreach(folder ${folders})
+  if(NOT IS_DIRECTORY ${KERROW_SOURCE_DIR}/src/${folder})
+    continue()
+  endif()
+  list(FIND KERROW_LAYERS ${folder} own_index)
+  if(own_index LESS 0)
+    message(SEND_ERROR "src/${folder} is not a declared layer: add it to KERROW_LAYERS in cmake/KerrowLayers.cmake")
+    math(EXPR violations "${violations} + 1")
+    continue()
+  endif()
+  file(GLOB files ${KERROW_SOURCE_DIR}/src/${folder}/*.h ${KERROW_SOURCE_DIR}/src/${folder}/*.cc)
+  foreach(file ${files})
+    file(STRINGS ${file} lines)
+    set(line_number 0)
+    foreach(line IN LISTS lines)
+      math(EXPR line_number "${line_number} + 1")
+      if(NOT line MATCHES "^[ \t]*#[ \t]*include[ \t]*\"([^\"/]+)/([^\"]*)\"")
+        continue()
+      endif()
+      set(included ${CMAKE_MATCH_1})
+      # Quoted includes of other trees (none today) are not ours to judge.
+      if(NOT IS_DIRECTORY ${KERROW_SOURCE_DIR}/src/${included})
+        continue()
+      endif()
+      list(FIND KERROW_LAYERS ${included} included_index)
+      if(included_index LESS 0 OR included_index GREATER own_index)
+        file(RELATIVE_PATH shown ${KERROW_SOURCE_DIR} ${file})
+        message(SEND_ERROR "${shown}:${line_number}: ${folder} includes ${included}/${CMAKE_MATCH_2}, "
+                           "but ${included} is not below ${folder} in the declared layers")
+        math(EXPR violations "${violations} + 1")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+
+if(violations GREATER 0)
+  message(FATAL_ERROR "${violations} include(s) cross the layers declared in cmake/KerrowLayers.cmake")
+endif()
+message(STATUS "Every include under src/ follows the declared layers: ${KERROW_LAYERS}")
