@@ -13,15 +13,15 @@
 #include "events/segment_result.h"
 #include "events/transcript_records.h"
 #include "fuzz_check.h"
-#include "strict_json.h"
+#include "support/strict_json.h"
 
 namespace {
 
 void CheckEscape(const std::string& text) {
   const std::string escaped = kerrow::JsonEscape(text);
   std::string decoded;
-  FUZZ_CHECK(kerrow::StrictJson(escaped).ParseStringBody(&decoded), "not a valid JSON string");
-  if (kerrow::StrictJson::IsValidUtf8(text)) {
+  FUZZ_CHECK(kerrow::testing::StrictJson(escaped).ParseStringBody(&decoded), "not a valid JSON string");
+  if (kerrow::testing::StrictJson::IsValidUtf8(text)) {
     FUZZ_CHECK(decoded == text, "valid text did not come back as it was");
   }
 }
@@ -32,10 +32,10 @@ void CheckRecords(FuzzedDataProvider* input) {
   const int segment_id = input->ConsumeIntegral<int>();
   const int session_id = input->ConsumeIntegral<int>();
   const bool is_final = input->ConsumeBool();
-  FUZZ_CHECK(kerrow::StrictJson(kerrow::BuildFirstPassEventJson(segment_id, text, is_final, session_id))
+  FUZZ_CHECK(kerrow::testing::StrictJson(kerrow::BuildFirstPassEventJson(segment_id, text, is_final, session_id))
                  .ParseDocument(),
              "first-pass record");
-  FUZZ_CHECK(kerrow::StrictJson(kerrow::BuildPunctuatedEventJson(segment_id, text, session_id))
+  FUZZ_CHECK(kerrow::testing::StrictJson(kerrow::BuildPunctuatedEventJson(segment_id, text, session_id))
                  .ParseDocument(),
              "punctuated record");
   // Times come from sample counts, so they are always finite.
@@ -49,7 +49,7 @@ void CheckRecords(FuzzedDataProvider* input) {
   const std::string record = kerrow::BuildSecondPassResultJson(
       segments, input->ConsumeBool(), is_final, segment_id, input->ConsumeIntegralInRange<int>(-1, 100),
       input->ConsumeIntegralInRange<int>(-1, 100), input->ConsumeBool() ? &merged : nullptr, session_id);
-  FUZZ_CHECK(kerrow::StrictJson(record).ParseDocument(), "result record");
+  FUZZ_CHECK(kerrow::testing::StrictJson(record).ParseDocument(), "result record");
 }
 
 }  // namespace

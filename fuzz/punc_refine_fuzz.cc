@@ -13,7 +13,7 @@
 #include "engine/punc_backend.h"
 #include "fake_punc_backend.h"
 #include "fuzz_check.h"
-#include "strict_json.h"
+#include "support/strict_json.h"
 #include "text/punc_refine.h"
 #include "common/utf8_punc.h"
 
@@ -65,7 +65,7 @@ std::vector<std::string> ApostropheWords(const std::string& text) {
 // every path (nothing may crash on them), but what counts as a word inside
 // them is a matter of taste, so only well-formed text is held to the words.
 void CheckKeepsWords(const char* path, const std::string& input, const std::string& output) {
-  if (!kerrow::StrictJson::IsValidUtf8(input)) return;
+  if (!kerrow::testing::StrictJson::IsValidUtf8(input)) return;
   const bool same_words = WordCharacters(output) == WordCharacters(input);
   bool kept_apostrophes = true;
   for (const std::string& word : ApostropheWords(input)) {
@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string context;
   CheckKeepsWords("ApplyRealtimePunc", previous,
                   kerrow::ApplyRealtimePunc(&punc, nullptr, previous, &context, context_codepoints, false));
-  if (!kerrow::StrictJson::IsValidUtf8(previous)) return 0;
+  if (!kerrow::testing::StrictJson::IsValidUtf8(previous)) return 0;
   CheckKeepsWords("ApplyRealtimePunc after another segment", text,
                   kerrow::ApplyRealtimePunc(&punc, nullptr, text, &context, context_codepoints, is_final));
   return 0;

@@ -13,47 +13,12 @@
 #include <gtest/gtest.h>
 
 #include "events/json_escape.h"
+#include "support/stdout_capture.h"
 
 namespace kerrow {
 namespace {
 
-// Points file descriptor 1 at a temporary file for the lifetime of the object,
-// so the emitter's real writes to standard output can be read back. Assertions
-// run after Release(), because gtest itself prints to standard output.
-class StdoutCapture {
- public:
-  StdoutCapture() {
-    std::fflush(stdout);
-    file_ = std::tmpfile();
-    saved_fd_ = dup(STDOUT_FILENO);
-    if (file_ != nullptr && saved_fd_ >= 0) dup2(fileno(file_), STDOUT_FILENO);
-  }
-  ~StdoutCapture() { Release(); }
-
-  // Restores standard output and returns everything written meanwhile.
-  std::string Release() {
-    if (saved_fd_ < 0) return captured_;
-    std::fflush(stdout);
-    dup2(saved_fd_, STDOUT_FILENO);
-    close(saved_fd_);
-    saved_fd_ = -1;
-    if (file_ == nullptr) return captured_;
-    std::rewind(file_);
-    char buffer[65536];
-    size_t count = 0;
-    while ((count = std::fread(buffer, 1, sizeof(buffer), file_)) > 0) {
-      captured_.append(buffer, count);
-    }
-    std::fclose(file_);
-    file_ = nullptr;
-    return captured_;
-  }
-
- private:
-  std::FILE* file_ = nullptr;
-  int saved_fd_ = -1;
-  std::string captured_;
-};
+using testing::StdoutCapture;
 
 TEST(EventEmitter, ErrorWithQuoteAndLineFeedIsEscapedOnOneLine) {
   EventEmitter emitter;

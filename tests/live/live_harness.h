@@ -12,8 +12,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -28,59 +26,11 @@
 #include "live/command_loop.h"
 #include "live/pcm_loop.h"
 #include "live/shared_state.h"
+#include "support/json_fields.h"
 #include "support/kerrow_process.h"
+#include "support/stdout_capture.h"
 
 namespace kerrow::testing {
-
-// Sends everything written to descriptor 1 into a temporary file until Stop().
-// The emitter flushes after every line, so the file always holds whole lines.
-class StdoutCapture {
- public:
-  StdoutCapture() {
-    char name[] = "/tmp/kerrow-live-stdout-XXXXXX";
-    file_fd_ = mkstemp(name);
-    path_ = name;
-    std::fflush(stdout);
-    saved_fd_ = dup(STDOUT_FILENO);
-    dup2(file_fd_, STDOUT_FILENO);
-  }
-  ~StdoutCapture() {
-    Stop();
-    if (::testing::Test::HasFailure()) {
-      std::fprintf(stderr, "---- captured stdout ----\n%s----\n", ReadAll().c_str());
-    }
-    close(file_fd_);
-    unlink(path_.c_str());
-  }
-  StdoutCapture(const StdoutCapture&) = delete;
-  StdoutCapture& operator=(const StdoutCapture&) = delete;
-
-  void Stop() {
-    if (saved_fd_ < 0) return;
-    std::fflush(stdout);
-    dup2(saved_fd_, STDOUT_FILENO);
-    close(saved_fd_);
-    saved_fd_ = -1;
-  }
-
-  std::vector<std::string> Lines() const {
-    std::vector<std::string> lines;
-    const std::string text = ReadAll();
-    size_t begin = 0;
-    for (size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', begin)) {
-      lines.push_back(text.substr(begin, end - begin));
-      begin = end + 1;
-    }
-    return lines;
-  }
-
- private:
-  std::string ReadAll() const { return ReadFileBytes(path_); }
-
-  std::string path_;
-  int file_fd_ = -1;
-  int saved_fd_ = -1;
-};
 
 // The backends a live session runs with; null members were not built.
 struct LiveBackends {
@@ -312,35 +262,6 @@ inline int CountContaining(const std::vector<std::string>& lines, const std::str
   int count = 0;
   for (const auto& line : lines) count += line.find(needle) != std::string::npos ? 1 : 0;
   return count;
-}
-
-// The integer value of a top-level key such as "segment_id"; `missing` when absent.
-inline long JsonIntField(const std::string& line, const std::string& key, long missing = -999) {
-  const std::string needle = "\"" + key + "\":";
-  const size_t at = line.find(needle);
-  if (at == std::string::npos) return missing;
-  return std::strtol(line.c_str() + at + needle.size(), nullptr, 10);
-}
-
-// The first "text" value of a record, with the escapes these texts use undone.
-inline std::string JsonTextField(const std::string& line) {
-  const std::string key = "\"text\":\"";
-  const size_t begin = line.find(key);
-  if (begin == std::string::npos) return "";
-  std::string text;
-  for (size_t i = begin + key.size(); i < line.size() && line[i] != '"'; ++i) {
-    if (line[i] == '\\' && i + 1 < line.size()) ++i;
-    text.push_back(line[i]);
-  }
-  return text;
-}
-
-// The first number after `key` ("start_time" etc.), read as a double.
-inline double JsonNumberField(const std::string& line, const std::string& key) {
-  const std::string needle = "\"" + key + "\":";
-  const size_t at = line.find(needle);
-  if (at == std::string::npos) return -1.0;
-  return std::strtod(line.c_str() + at + needle.size(), nullptr);
 }
 
 inline bool IsFirstPass(const std::string& line) {

@@ -9,7 +9,8 @@
 #include "audio/audio_buffer.h"
 #include "events/event_emitter.h"
 #include "offline/pipeline_fixtures.h"
-#include "offline/stdout_capture.h"
+#include "support/json_fields.h"
+#include "support/stdout_capture.h"
 
 namespace kerrow {
 namespace {
@@ -22,7 +23,7 @@ using testing_support::ParseSegments;
 using testing_support::PatternSenseVoice;
 using testing_support::ReadRecording;
 using testing_support::ReadTextFile;
-using testing_support::StdoutCapture;
+using testing::StdoutCapture;
 using testing_support::StubWhisper;
 using testing_support::TrainedPunc;
 using testing_support::TrainedSenseVoice;

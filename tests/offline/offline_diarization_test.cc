@@ -6,12 +6,13 @@
 #include <vector>
 
 #include "events/event_emitter.h"
-#include "offline/stdout_capture.h"
+#include "support/json_fields.h"
+#include "support/stdout_capture.h"
 
 namespace kerrow {
 namespace {
 
-using testing_support::StdoutCapture;
+using testing::StdoutCapture;
 
 // A diarizer with scripted answers that counts its calls: the rules under
 // test are about when the backend is asked at all, not about diarization.

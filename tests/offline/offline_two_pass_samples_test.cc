@@ -10,15 +10,17 @@
 #include "events/event_emitter.h"
 #include "offline/offline_two_pass.h"
 #include "offline/pipeline_fixtures.h"
-#include "offline/stdout_capture.h"
+#include "support/json_fields.h"
+#include "support/stdout_capture.h"
+#include "support/timing_mask.h"
 
 namespace kerrow {
 namespace {
 
-using testing_support::MaskTimings;
+using testing::MaskTimings;
 using testing_support::PatternSenseVoice;
 using testing_support::ReadRecording;
-using testing_support::StdoutCapture;
+using testing::StdoutCapture;
 using testing_support::TrainedPunc;
 using testing_support::TrainedSenseVoice;
 

@@ -14,7 +14,8 @@
 #include "diarization/diarization_backend.h"
 #include "events/event_emitter.h"
 #include "offline/pipeline_fixtures.h"
-#include "offline/stdout_capture.h"
+#include "support/json_fields.h"
+#include "support/stdout_capture.h"
 #include "speaker/enroll_db.h"
 #include "speaker/speaker_identifier.h"
 
@@ -24,7 +25,7 @@ namespace {
 using testing_support::AudioPath;
 using testing_support::CharacterErrorRate;
 using testing_support::kSampleRate;
-using testing_support::LogMessages;
+using testing::LogMessages;
 using testing_support::MergedText;
 using testing_support::ModelPath;
 using testing_support::ParsedSegment;
@@ -32,7 +33,7 @@ using testing_support::ParseSegments;
 using testing_support::PatternSenseVoice;
 using testing_support::ReadRecording;
 using testing_support::ReadTextFile;
-using testing_support::StdoutCapture;
+using testing::StdoutCapture;
 using testing_support::StubWhisper;
 using testing_support::TrainedPunc;
 using testing_support::TrainedSenseVoice;

@@ -6,13 +6,14 @@
 #include <vector>
 
 #include "events/event_emitter.h"
-#include "offline/stdout_capture.h"
+#include "support/json_fields.h"
+#include "support/stdout_capture.h"
 
 namespace kerrow {
 namespace {
 
-using testing_support::LogMessages;
-using testing_support::StdoutCapture;
+using testing::LogMessages;
+using testing::StdoutCapture;
 
 SegmentResult Segment(double start, double end, const std::string& text) {
   SegmentResult segment;

@@ -45,7 +45,7 @@ TEST(ApostrophePunctuation, FileResultKeepsTheWordsApostrophes) {
   const std::string merged = JsonStringField(results[0], "merged_text");
   EXPECT_TRUE(EndsWithMark(merged)) << merged;
   ExpectApostrophesKept(merged);
-  ExpectApostrophesKept(TextField(results[0]));
+  ExpectApostrophesKept(JsonTextField(results[0]));
 }
 
 TEST(ApostrophePunctuation, LiveResultKeepsTheWordsApostrophes) {
@@ -60,8 +60,8 @@ TEST(ApostrophePunctuation, LiveResultKeepsTheWordsApostrophes) {
   const int result = process->WaitForLine(IsResultLine, seconds(60));
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
-  const std::string text = TextField(process->Lines()[result]);
-  EXPECT_EQ(IntField(process->Lines()[result], "segment_id"), 1);
+  const std::string text = JsonTextField(process->Lines()[result]);
+  EXPECT_EQ(JsonIntField(process->Lines()[result], "segment_id"), 1);
   ExpectApostrophesKept(text);
 }
 
@@ -79,7 +79,7 @@ TEST(ApostrophePunctuation, PushToTalkResultKeepsTheWordsApostrophes) {
   const int result = process->WaitForLine(IsResultLine, seconds(60));
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
-  ExpectApostrophesKept(TextField(process->Lines()[result]));
+  ExpectApostrophesKept(JsonTextField(process->Lines()[result]));
 }
 
 }  // namespace

@@ -49,7 +49,7 @@ TEST(LiveExtremeOptions, ManualRealtimeWithHugeLookbackStillGivesTheTranscript) 
   const int result = process->WaitForLine(IsResultLine, seconds(60));
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
-  const std::string text = TextField(process->Lines()[result]);
+  const std::string text = JsonTextField(process->Lines()[result]);
   EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(text)), 0.3) << text;
 }
 
@@ -62,7 +62,7 @@ TEST(LiveExtremeOptions, SingleModelStreamingWithHugeWindowSettingsStillCommitsT
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
   std::string committed;
-  for (const auto& line : ResultLines(process->Lines())) committed += TextField(line) + " ";
+  for (const auto& line : ResultLines(process->Lines())) committed += JsonTextField(line) + " ";
   EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(committed)), 0.3) << committed;
 }
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "protocol/protocol_fixtures.h"
+#include "support/json_fields.h"
 
 namespace kerrow::testing {
 
@@ -93,26 +94,6 @@ inline bool IsResultLine(const std::string& line) {
   return line.rfind("{\"type\":\"result\"", 0) == 0;
 }
 
-inline long IntField(const std::string& line, const std::string& key, long missing = -999) {
-  const std::string needle = "\"" + key + "\":";
-  const size_t at = line.find(needle);
-  if (at == std::string::npos) return missing;
-  return std::strtol(line.c_str() + at + needle.size(), nullptr, 10);
-}
-
-// The first "text" value of a record (inside "segments" for results).
-inline std::string TextField(const std::string& line) {
-  const std::string key = "\"text\":\"";
-  const size_t begin = line.find(key);
-  if (begin == std::string::npos) return "";
-  std::string text;
-  for (size_t i = begin + key.size(); i < line.size() && line[i] != '"'; ++i) {
-    if (line[i] == '\\' && i + 1 < line.size()) ++i;
-    text.push_back(line[i]);
-  }
-  return text;
-}
-
 // The id of a "[VAD] seg source=... id=N ..." log line, or -1.
 inline long VadSegmentId(const std::string& line) {
   const size_t at = line.find(" id=");
@@ -136,8 +117,8 @@ inline std::string LastTextForSegment(const std::vector<std::string>& lines,
   const std::string prefix = "{\"type\":\"" + type + "\"";
   std::string text;
   for (const auto& line : lines) {
-    if (line.rfind(prefix, 0) == 0 && IntField(line, "segment_id") == segment_id) {
-      text = TextField(line);
+    if (line.rfind(prefix, 0) == 0 && JsonIntField(line, "segment_id") == segment_id) {
+      text = JsonTextField(line);
     }
   }
   return text;

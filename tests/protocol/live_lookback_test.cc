@@ -45,7 +45,7 @@ std::string LiveTranscript(const std::string& wav) {
   EXPECT_GE(process->WaitForLineContaining("Capture stopped", seconds(30)), 0);
   QuitAndExpectCleanEnd(process.get());
   std::string text;
-  for (const auto& line : ResultLines(process->Lines())) text += TextField(line) + " ";
+  for (const auto& line : ResultLines(process->Lines())) text += JsonTextField(line) + " ";
   return text;
 }
 

@@ -35,7 +35,7 @@ TEST(LiveSession, ManualModeStopDecodesTheCaptureAsOneSegment) {
                                 0),
             0u)
       << lines[result];
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(TextField(lines[result]))), 0.3)
+  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(lines[result]))), 0.3)
       << lines[result];
   EXPECT_EQ(lines[result + 1], LogLine("Quit requested"));
 }
@@ -48,7 +48,7 @@ TEST(LiveSession, ManualRealtimePublishesPartialsClosesSegmentsAndBatchesResults
       Join(Join(Join(speech, SilenceSeconds(1.0)), speech), SilenceSeconds(1.0)), 4.0));
   ASSERT_GE(process->WaitForLine(
                 [](const std::string& line) {
-                  return IsResultLine(line) && IntField(line, "segment_id") == 2;
+                  return IsResultLine(line) && JsonIntField(line, "segment_id") == 2;
                 },
                 seconds(60)),
             0)
@@ -64,11 +64,11 @@ TEST(LiveSession, ManualRealtimePublishesPartialsClosesSegmentsAndBatchesResults
   ASSERT_EQ(results.size(), 2u);
   for (long id = 1; id <= 2; ++id) {
     const std::string& result = results[id - 1];
-    EXPECT_EQ(IntField(result, "segment_id"), id);
-    EXPECT_EQ(IntField(result, "segment_start_id"), id);
-    EXPECT_EQ(IntField(result, "segment_count"), 1);
-    EXPECT_EQ(IntField(result, "sessionId"), -999) << "no --session-id given";
-    EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(TextField(result))), 0.3)
+    EXPECT_EQ(JsonIntField(result, "segment_id"), id);
+    EXPECT_EQ(JsonIntField(result, "segment_start_id"), id);
+    EXPECT_EQ(JsonIntField(result, "segment_count"), 1);
+    EXPECT_EQ(JsonIntField(result, "sessionId"), -999) << "no --session-id given";
+    EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(result))), 0.3)
         << result;
     const int closing = IndexOfMatch(
         lines, "\\{\"message\":\"\\[VAD\\] seg source=stream id=" + std::to_string(id) + " .*");
@@ -79,7 +79,7 @@ TEST(LiveSession, ManualRealtimePublishesPartialsClosesSegmentsAndBatchesResults
               0u)
         << lines[closing + 1];
     EXPECT_TRUE(IsFirstPassLine(lines[closing + 2])) << lines[closing + 2];
-    EXPECT_EQ(IntField(lines[closing + 2], "segment_id"), id);
+    EXPECT_EQ(JsonIntField(lines[closing + 2], "segment_id"), id);
     EXPECT_EQ(lines[closing + 3], result);
   }
   EXPECT_GE(IndexOfLine(lines, LogLine("[SESSION-DIAG] online-reset-applied seq=1 at=loop-top")), 0);
@@ -126,9 +126,9 @@ TEST(LiveSession, StopInManualRealtimeFlushesTheOpenSegmentAndForcesTheBatch) {
       IndexOfMatch(lines, "\\{\"message\":\"\\[VAD\\] seg source=flush id=1 start=.*");
   ASSERT_GE(flushed, 0) << JoinLines(lines);
   EXPECT_LT(flushed, result);
-  EXPECT_EQ(IntField(lines[result], "segment_id"), 1);
-  EXPECT_EQ(IntField(lines[result], "segment_count"), 1);
-  const std::string text = TextField(lines[result]);
+  EXPECT_EQ(JsonIntField(lines[result], "segment_id"), 1);
+  EXPECT_EQ(JsonIntField(lines[result], "segment_count"), 1);
+  const std::string text = JsonTextField(lines[result]);
   // The stop-time batch is final, so its text ends in a sentence mark.
   EXPECT_TRUE(EndsWithMark(text)) << text;
   EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(text)), 0.3) << text;
@@ -182,13 +182,13 @@ TEST(LiveSession, SingleModelStreamingPublishesPartialsAndCommitsRealText) {
   for (int i = 0; i < result; ++i) {
     if (!IsFirstPassLine(lines[i])) continue;
     ++partials;
-    EXPECT_EQ(IntField(lines[i], "segment_id"), 1) << lines[i];
+    EXPECT_EQ(JsonIntField(lines[i], "segment_id"), 1) << lines[i];
   }
   EXPECT_GE(partials, 2);
   std::string committed;
-  for (const auto& line : ResultLines(lines)) committed += TextField(line) + " ";
+  for (const auto& line : ResultLines(lines)) committed += JsonTextField(line) + " ";
   EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(committed)), 0.3) << committed;
-  EXPECT_EQ(IntField(lines[result], "segment_id"), 1);
+  EXPECT_EQ(JsonIntField(lines[result], "segment_id"), 1);
 }
 
 TEST(LiveSession, StartStopStartRestartsIdsAndAppliesResetsBetweenChunks) {
@@ -202,7 +202,7 @@ TEST(LiveSession, StartStopStartRestartsIdsAndAppliesResetsBetweenChunks) {
     ASSERT_TRUE(process->WriteAudioS16(utterance));
     const int result = process->WaitForLine(IsResultLine, seconds(60), from);
     ASSERT_GE(result, 0) << JoinLines(process->Lines());
-    EXPECT_EQ(IntField(process->Lines()[result], "segment_id"), 1);
+    EXPECT_EQ(JsonIntField(process->Lines()[result], "segment_id"), 1);
     process->WriteCommand("stop");
     ASSERT_GE(process->WaitForLineContaining("Capture stopped", seconds(30), from), 0);
   }
@@ -270,7 +270,7 @@ TEST(LiveSession, AudioArrivesOnTheDescriptorNamedByAudioFdInF32le) {
   const int result = process->WaitForLine(IsResultLine, seconds(60));
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(TextField(process->Lines()[result]))),
+  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(process->Lines()[result]))),
             0.3);
 }
 

@@ -43,10 +43,10 @@ TEST_P(SingleModelRecording, NoCommittedResultEndsInsideAWord) {
   int judged = 0;
   int results = 0;
   for (const auto& line : lines) {
-    if (IsFirstPassLine(line)) partial = TextField(line);
+    if (IsFirstPassLine(line)) partial = JsonTextField(line);
     if (!IsResultLine(line)) continue;
     ++results;
-    const std::string committed = TextField(line);
+    const std::string committed = JsonTextField(line);
     if (committed.empty() || partial.compare(0, committed.size(), committed) != 0) continue;
     ++judged;
     if (partial.size() > committed.size()) {
@@ -73,8 +73,8 @@ TEST(SingleModelEndOfSpeech, CommitsWhenTheVadSpeechFlagDrops) {
   QuitAndExpectCleanEnd(process.get());
   const std::vector<std::string> lines = process->Lines();
   EXPECT_EQ(ResultLines(lines).size(), 1u);
-  EXPECT_EQ(IntField(lines[result], "segment_id"), 1);
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(TextField(lines[result]))), 0.3)
+  EXPECT_EQ(JsonIntField(lines[result], "segment_id"), 1);
+  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(lines[result]))), 0.3)
       << lines[result];
 }
 

@@ -43,8 +43,8 @@ std::vector<CaptureLedger> Ledgers(const std::vector<std::string>& lines) {
       ledgers.back().segment_ids.push_back(VadSegmentId(line));
     }
     if (IsResultLine(line)) {
-      ledgers.back().ranges.emplace_back(IntField(line, "segment_start_id"),
-                                         IntField(line, "segment_id"));
+      ledgers.back().ranges.emplace_back(JsonIntField(line, "segment_start_id"),
+                                         JsonIntField(line, "segment_id"));
     }
   }
   return ledgers;
@@ -75,7 +75,7 @@ TEST(LiveSoak, ManyCapturesKeepSegmentIdsConsecutiveAndEveryIdDecodedOnce) {
     const long last_id = VadSegmentId(process->Lines()[flushed]);
     ASSERT_GE(process->WaitForLine(
                   [&](const std::string& line) {
-                    return IsResultLine(line) && IntField(line, "segment_id") == last_id;
+                    return IsResultLine(line) && JsonIntField(line, "segment_id") == last_id;
                   },
                   seconds(60), flushed),
               0);

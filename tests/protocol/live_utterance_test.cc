@@ -15,7 +15,7 @@ namespace {
 using std::chrono::seconds;
 
 bool IsResultForSegment(const std::string& line, long segment_id) {
-  return IsResultLine(line) && IntField(line, "segment_id") == segment_id;
+  return IsResultLine(line) && JsonIntField(line, "segment_id") == segment_id;
 }
 
 // Runs one capture of `audio` in manual realtime with the trained models and
@@ -67,7 +67,7 @@ TEST(LiveUtterance, PartialsOfALongCaptureStayAsLongAsOneUtterance) {
     ++partials;
     // One utterance is 57 characters; a partial that kept earlier utterances
     // would be a multiple of that.
-    EXPECT_LE(TextField(line).size(), 90u) << line;
+    EXPECT_LE(JsonTextField(line).size(), 90u) << line;
   }
   EXPECT_GE(partials, 2 * kUtterances);
   for (long id = 1; id <= kUtterances; ++id) {
@@ -88,7 +88,7 @@ TEST(LiveUtterance, OneUtteranceTravelsBothPassesOnRealText) {
 
   std::vector<std::string> partials;
   for (int i = 0; i < closing; ++i) {
-    if (IsFirstPassLine(lines[i])) partials.push_back(TextField(lines[i]));
+    if (IsFirstPassLine(lines[i])) partials.push_back(JsonTextField(lines[i]));
   }
   ASSERT_GE(partials.size(), 3u) << JoinLines(lines);
   for (size_t i = 1; i < partials.size(); ++i) {
@@ -102,15 +102,15 @@ TEST(LiveUtterance, OneUtteranceTravelsBothPassesOnRealText) {
   const std::string& punctuated = lines[closing + 1];
   EXPECT_EQ(punctuated.rfind("{\"type\":\"punctuated\",\"segment_id\":1,\"text\":\"", 0), 0u)
       << punctuated;
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(TextField(punctuated))), 0.3)
+  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(punctuated))), 0.3)
       << punctuated;
-  EXPECT_NE(TextField(punctuated), NormaliseForCer(TextField(punctuated))) << "no marks added";
+  EXPECT_NE(JsonTextField(punctuated), NormaliseForCer(JsonTextField(punctuated))) << "no marks added";
   EXPECT_TRUE(IsFirstPassLine(lines[closing + 2])) << lines[closing + 2];
-  EXPECT_EQ(IntField(lines[closing + 2], "segment_id"), 1);
+  EXPECT_EQ(JsonIntField(lines[closing + 2], "segment_id"), 1);
   const std::string& result = lines[closing + 3];
   ASSERT_TRUE(IsResultForSegment(result, 1)) << result;
-  EXPECT_EQ(IntField(result, "segment_count"), 1);
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(TextField(result))), 0.3)
+  EXPECT_EQ(JsonIntField(result, "segment_count"), 1);
+  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(result))), 0.3)
       << result;
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/thread_count_cap.h"
+#include "support/json_fields.h"
 #include "support/kerrow_process.h"
 
 namespace kerrow::testing {

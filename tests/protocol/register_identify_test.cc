@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/json_fields.h"
 #include "support/kerrow_process.h"
 
 namespace kerrow::testing {

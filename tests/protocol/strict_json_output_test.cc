@@ -8,13 +8,25 @@
 #include <vector>
 
 #include "protocol/protocol_fixtures.h"
-#include "protocol/strict_json.h"
+#include "support/strict_json.h"
 
 namespace kerrow::testing {
 namespace {
 
 // How the engine writes the bytes "\x01" and "\xff" inside a JSON string.
 const std::string kEscapedControlAndInvalid = "\\u0001\xEF\xBF\xBD";
+
+// Reads each line the way a strict host parser does: one JSON object in
+// well-formed UTF-8, with no raw control character inside a string.
+::testing::AssertionResult AllLinesAreStrictJson(const std::vector<std::string>& lines) {
+  for (size_t number = 0; number < lines.size(); ++number) {
+    const std::string& line = lines[number];
+    if (line.empty() || line[0] != '{' || !StrictJson(line).ParseDocument()) {
+      return ::testing::AssertionFailure() << "line " << number << " is not a strict JSON object: " << line;
+    }
+  }
+  return ::testing::AssertionSuccess() << lines.size() << " strict JSON lines";
+}
 
 std::vector<std::string> WhisperArgs() {
   return {"--second-type", "whisper", "--second-encoder", WhisperStubEncoder(),

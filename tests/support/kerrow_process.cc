@@ -38,98 +38,6 @@ uint32_t ReadLe(const std::string& bytes, size_t offset, size_t width) {
   throw std::runtime_error("LoadWavForTest(" + path + "): " + why);
 }
 
-// A small cursor over one JSON text, enough to find top-level string fields.
-class JsonScanner {
- public:
-  explicit JsonScanner(const std::string& text) : text_(text) {}
-
-  void SkipSpace() {
-    while (pos_ < text_.size() && std::strchr(" \t\r\n", text_[pos_]) != nullptr) ++pos_;
-  }
-  bool Consume(char c) {
-    SkipSpace();
-    if (pos_ < text_.size() && text_[pos_] == c) {
-      ++pos_;
-      return true;
-    }
-    return false;
-  }
-  bool AtString() {
-    SkipSpace();
-    return pos_ < text_.size() && text_[pos_] == '"';
-  }
-
-  bool ReadString(std::string* out) {
-    if (!Consume('"')) return false;
-    out->clear();
-    while (pos_ < text_.size()) {
-      const char c = text_[pos_++];
-      if (c == '"') return true;
-      if (c != '\\') {
-        out->push_back(c);
-        continue;
-      }
-      if (pos_ >= text_.size()) return false;
-      const char escaped = text_[pos_++];
-      switch (escaped) {
-        case 'n': out->push_back('\n'); break;
-        case 't': out->push_back('\t'); break;
-        case 'r': out->push_back('\r'); break;
-        case 'b': out->push_back('\b'); break;
-        case 'f': out->push_back('\f'); break;
-        case 'u': if (!ReadUnicodeEscape(out)) return false; break;
-        default: out->push_back(escaped); break;  // '"', '\\', '/'
-      }
-    }
-    return false;
-  }
-
-  // Skips one value of any kind, nested containers included.
-  bool SkipValue() {
-    SkipSpace();
-    if (pos_ >= text_.size()) return false;
-    std::string ignored;
-    if (text_[pos_] == '"') return ReadString(&ignored);
-    if (text_[pos_] == '{' || text_[pos_] == '[') {
-      int depth = 0;
-      while (pos_ < text_.size()) {
-        const char c = text_[pos_];
-        if (c == '"') {
-          if (!ReadString(&ignored)) return false;
-          continue;
-        }
-        ++pos_;
-        if (c == '{' || c == '[') ++depth;
-        if ((c == '}' || c == ']') && --depth == 0) return true;
-      }
-      return false;
-    }
-    while (pos_ < text_.size() && std::strchr(",}] \t\r\n", text_[pos_]) == nullptr) ++pos_;
-    return true;
-  }
-
- private:
-  bool ReadUnicodeEscape(std::string* out) {
-    if (pos_ + 4 > text_.size()) return false;
-    const uint32_t code = static_cast<uint32_t>(std::stoul(text_.substr(pos_, 4), nullptr, 16));
-    pos_ += 4;
-    if (code < 0x80) {
-      out->push_back(static_cast<char>(code));
-    } else if (code < 0x800) {
-      out->push_back(static_cast<char>(0xC0 | (code >> 6)));
-      out->push_back(static_cast<char>(0x80 | (code & 0x3F)));
-    } else {
-      out->push_back(static_cast<char>(0xE0 | (code >> 12)));
-      out->push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-      out->push_back(static_cast<char>(0x80 | (code & 0x3F)));
-    }
-    return true;
-  }
-
-  const std::string& text_;
-  size_t pos_ = 0;
-};
-
 }  // namespace
 
 ProcessResult RunKerrow(const std::vector<std::string>& args, const std::string& stdin_text,
@@ -318,19 +226,6 @@ double CharacterErrorRate(const std::string& reference, const std::string& hypot
     previous.swap(current);
   }
   return static_cast<double>(previous[hypothesis.size()]) / static_cast<double>(reference.size());
-}
-
-std::string JsonStringField(const std::string& json_line, const std::string& key) {
-  JsonScanner scanner(json_line);
-  if (!scanner.Consume('{')) return "";
-  std::string name, value;
-  while (scanner.ReadString(&name)) {
-    if (!scanner.Consume(':')) return "";
-    if (name == key && scanner.AtString()) return scanner.ReadString(&value) ? value : "";
-    if (!scanner.SkipValue()) return "";
-    if (!scanner.Consume(',')) return "";
-  }
-  return "";
 }
 
 std::string GitLfsPointerText(const std::string& sha256_hex, size_t size) {

@@ -105,9 +105,6 @@ std::string ReadFileBytes(const std::string& path);
 // Minimal character error rate (Levenshtein over bytes / reference length) for
 // transcript checks.
 double CharacterErrorRate(const std::string& reference, const std::string& hypothesis);
-// Extracts the value of a top-level JSON string field, e.g.
-// JsonStringField(line, "merged_text"); "" if absent.
-std::string JsonStringField(const std::string& json_line, const std::string& key);
 
 // The text a git checkout without LFS leaves in place of a large file: what a
 // user may hand kerrow instead of the model itself.

@@ -9,14 +9,15 @@
 
 #include "engine/punc_backend.h"
 #include "events/event_emitter.h"
-#include "offline/stdout_capture.h"
+#include "support/json_fields.h"
+#include "support/stdout_capture.h"
 #include "common/utf8_punc.h"
 
 namespace kerrow {
 namespace {
 
-using testing_support::LogMessages;
-using testing_support::StdoutCapture;
+using testing::LogMessages;
+using testing::StdoutCapture;
 
 // The stub answers by a fixed table: "hello world how are you" becomes
 // "hello world，how are you？". The trained model really punctuates English.

@@ -1,10 +1,13 @@
-#ifndef KERROW_FUZZ_STRICT_JSON_H_
-#define KERROW_FUZZ_STRICT_JSON_H_
+#ifndef KERROW_TESTS_SUPPORT_STRICT_JSON_H_
+#define KERROW_TESTS_SUPPORT_STRICT_JSON_H_
+
+// Header only and free of gtest, so that the fuzz harnesses use the same
+// judge as the test suites.
 
 #include <cstddef>
 #include <string>
 
-namespace kerrow {
+namespace kerrow::testing {
 
 // A validator as strict as the JSON parsers desktop hosts use (RFC 8259):
 // no raw control characters in strings, only the defined escapes, well-formed
@@ -29,6 +32,28 @@ class StrictJson {
     const std::string quoted = "\"" + text_ + "\"";
     StrictJson inner(quoted);
     return inner.ParseString(decoded) && inner.pos_ == quoted.size();
+  }
+
+  // True when the text is one JSON object with a string member `key` at its
+  // top level; the decoded string goes to *value. Nested members of the same
+  // name do not count.
+  bool FindTopLevelString(const std::string& key, std::string* value) {
+    SkipBlanks();
+    if (!Take('{')) return false;
+    SkipBlanks();
+    if (Take('}')) return false;
+    for (;;) {
+      std::string name;
+      SkipBlanks();
+      if (!ParseString(&name)) return false;
+      SkipBlanks();
+      if (!Take(':')) return false;
+      SkipBlanks();
+      if (name == key && pos_ < text_.size() && text_[pos_] == '"') return ParseString(value);
+      if (!ParseValue(1)) return false;
+      SkipBlanks();
+      if (!Take(',')) return false;
+    }
   }
 
   // True when the whole text is well-formed UTF-8.
@@ -127,8 +152,8 @@ class StrictJson {
     }
   }
 
-  // Only what kerrow writes is decoded (U+0000 to U+007F); a surrogate or any
-  // other \u value is still valid JSON and is kept as the replacement character.
+  // A \u escape of the Basic Multilingual Plane is decoded to UTF-8; a
+  // surrogate is still valid JSON and is kept as the replacement character.
   bool ParseUnicodeEscape(std::string* decoded) {
     if (pos_ + 4 > text_.size()) return false;
     unsigned value = 0;
@@ -142,8 +167,15 @@ class StrictJson {
     }
     if (value < 0x80) {
       *decoded += static_cast<char>(value);
-    } else {
+    } else if (value >= 0xD800 && value <= 0xDFFF) {
       *decoded += "\xEF\xBF\xBD";
+    } else if (value < 0x800) {
+      *decoded += static_cast<char>(0xC0 | (value >> 6));
+      *decoded += static_cast<char>(0x80 | (value & 0x3F));
+    } else {
+      *decoded += static_cast<char>(0xE0 | (value >> 12));
+      *decoded += static_cast<char>(0x80 | ((value >> 6) & 0x3F));
+      *decoded += static_cast<char>(0x80 | (value & 0x3F));
     }
     return true;
   }
@@ -218,6 +250,6 @@ class StrictJson {
   size_t pos_ = 0;
 };
 
-}  // namespace kerrow
+}  // namespace kerrow::testing
 
-#endif  // KERROW_FUZZ_STRICT_JSON_H_
+#endif  // KERROW_TESTS_SUPPORT_STRICT_JSON_H_
