@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "events/json_escape.h"
+#include "events/json_object.h"
 
 namespace kerrow {
 
@@ -26,19 +27,9 @@ void EventEmitter::EmitRawJson(const std::string& json) {
 }
 
 void EventEmitter::EmitObject(std::map<std::string, std::string> fields) {
-  std::string json = "{";
-  bool first = true;
-  for (const auto& [key, value] : fields) {
-    if (!first) json += ',';
-    first = false;
-    json += '"';
-    json += EscapeJson(key);
-    json += "\":\"";
-    json += EscapeJson(value);
-    json += '"';
-  }
-  json += '}';
-  EmitRawJson(json);
+  JsonObject json;
+  for (const auto& [key, value] : fields) json.AddString(key, value);
+  EmitRawJson(json.Text());
 }
 
 void EventEmitter::EmitReady() { EmitObject({{"type", "ready"}}); }

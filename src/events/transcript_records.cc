@@ -2,7 +2,7 @@
 
 #include <cctype>
 
-#include "events/json_escape.h"
+#include "events/json_object.h"
 #include "events/number_format.h"
 #include "common/utf8_punc.h"
 
@@ -10,54 +10,31 @@ namespace kerrow {
 
 namespace {
 
-// Appends "key": without a separator; callers place the commas.
-void AppendKey(const char* key, std::string* json) {
-  *json += '"';
-  *json += key;
-  *json += "\":";
-}
-
-void AppendStringField(const char* key, const std::string& value, std::string* json) {
-  AppendKey(key, json);
-  *json += '"';
-  *json += JsonEscape(value);
-  *json += '"';
-}
-
-void AppendIntField(const char* key, long long value, std::string* json) {
-  AppendKey(key, json);
-  *json += std::to_string(value);
-}
-
 // The session id lets the host drop lines of a session it has already closed;
 // it is only present when the host gave one.
-void AppendSessionIdIfPresent(int session_id, std::string* json) {
-  if (session_id < 0) return;
-  AppendIntField("sessionId", session_id, json);
-  *json += ',';
+void AddSessionIdIfPresent(int session_id, JsonObject* json) {
+  if (session_id >= 0) json->AddInt("sessionId", session_id);
 }
 
 // Times carry two decimals for display, while the millisecond fields are what
 // the host computes with; the two are formatted independently on purpose.
 std::string BuildSegmentElement(const SegmentResult& segment) {
-  std::string json = "{";
-  AppendKey("start_time", &json);
-  json += FormatFixed(segment.start_time, 2);
-  json += ',';
-  AppendKey("end_time", &json);
-  json += FormatFixed(segment.end_time, 2);
-  json += ',';
-  AppendIntField("start_ms", SecondsToMs(segment.start_time), &json);
-  json += ',';
-  AppendIntField("end_ms", SecondsToMs(segment.end_time), &json);
-  json += ',';
-  AppendStringField("text", segment.text, &json);
-  if (!segment.speaker.empty()) {
-    json += ',';
-    AppendStringField("speaker", segment.speaker, &json);
+  JsonObject json;
+  json.AddRaw("start_time", FormatFixed(segment.start_time, 2))
+      .AddRaw("end_time", FormatFixed(segment.end_time, 2))
+      .AddInt("start_ms", SecondsToMs(segment.start_time))
+      .AddInt("end_ms", SecondsToMs(segment.end_time))
+      .AddString("text", segment.text);
+  if (!segment.speaker.empty()) json.AddString("speaker", segment.speaker);
+  return json.Text();
+}
+
+std::string BuildSegmentsArray(const std::vector<SegmentResult>& segments) {
+  std::vector<std::string> elements;
+  for (const SegmentResult& segment : segments) {
+    if (HasContentText(segment.text)) elements.push_back(BuildSegmentElement(segment));
   }
-  json += '}';
-  return json;
+  return JsonArray(elements);
 }
 
 std::string JoinContentTexts(const std::vector<SegmentResult>& segments) {
@@ -87,68 +64,41 @@ bool HasContentText(const std::string& text) {
 
 std::string BuildFirstPassEventJson(int segment_id, const std::string& text, bool is_final,
                                     int session_id) {
-  std::string json = "{\"type\":\"first-pass\",";
-  AppendSessionIdIfPresent(session_id, &json);
-  AppendIntField("segment_id", segment_id, &json);
-  json += ',';
-  AppendStringField("text", text, &json);
-  json += ",\"mode\":\"online_partial\",";
-  AppendKey("is_final", &json);
-  json += is_final ? "true" : "false";
-  json += '}';
-  return json;
+  JsonObject json;
+  json.AddString("type", "first-pass");
+  AddSessionIdIfPresent(session_id, &json);
+  json.AddInt("segment_id", segment_id)
+      .AddString("text", text)
+      .AddString("mode", "online_partial")
+      .AddBool("is_final", is_final);
+  return json.Text();
 }
 
 std::string BuildPunctuatedEventJson(int segment_id, const std::string& text, int session_id) {
-  std::string json = "{\"type\":\"punctuated\",";
-  AppendSessionIdIfPresent(session_id, &json);
-  AppendIntField("segment_id", segment_id, &json);
-  json += ',';
-  AppendStringField("text", text, &json);
-  json += '}';
-  return json;
+  JsonObject json;
+  json.AddString("type", "punctuated");
+  AddSessionIdIfPresent(session_id, &json);
+  json.AddInt("segment_id", segment_id).AddString("text", text);
+  return json.Text();
 }
 
 std::string BuildSecondPassResultJson(const std::vector<SegmentResult>& segments,
                                       bool offline_2pass, bool is_final, int segment_id,
                                       int segment_start_id, int segment_count,
                                       const std::string* merged_text, int session_id) {
+  JsonObject json;
+  json.AddString("type", "result").AddString("stage", "second-pass").AddString("mode", "offline_final");
+  AddSessionIdIfPresent(session_id, &json);
+  if (segment_id >= 0) json.AddInt("segment_id", segment_id);
+  if (segment_start_id >= 0) json.AddInt("segment_start_id", segment_start_id);
+  if (segment_count >= 1) json.AddInt("segment_count", segment_count);
+  if (is_final) json.AddBool("is_final", true);
+  if (offline_2pass) json.AddBool("offline_2pass", true);
+  json.AddRaw("segments", BuildSegmentsArray(segments));
+
   const std::string merged = ChooseMergedText(segments, merged_text);
-
-  std::string json = "{\"type\":\"result\",\"stage\":\"second-pass\",\"mode\":\"offline_final\",";
-  AppendSessionIdIfPresent(session_id, &json);
-  if (segment_id >= 0) {
-    AppendIntField("segment_id", segment_id, &json);
-    json += ',';
-  }
-  if (segment_start_id >= 0) {
-    AppendIntField("segment_start_id", segment_start_id, &json);
-    json += ',';
-  }
-  if (segment_count >= 1) {
-    AppendIntField("segment_count", segment_count, &json);
-    json += ',';
-  }
-  if (is_final) json += "\"is_final\":true,";
-  if (offline_2pass) json += "\"offline_2pass\":true,";
-
-  AppendKey("segments", &json);
-  json += '[';
-  bool first = true;
-  for (const SegmentResult& segment : segments) {
-    if (!HasContentText(segment.text)) continue;
-    if (!first) json += ',';
-    first = false;
-    json += BuildSegmentElement(segment);
-  }
-  json += ']';
-
-  if ((offline_2pass || is_final) && !merged.empty()) {
-    json += ',';
-    AppendStringField("merged_text", merged, &json);
-  }
-  json += '}';
-  return json;
+  if ((offline_2pass || is_final) && !merged.empty()) json.AddString("merged_text", merged);
+  return json.Text();
 }
 
 }  // namespace kerrow

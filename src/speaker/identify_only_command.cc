@@ -10,7 +10,7 @@
 #include "common/thread_count_cap.h"
 #include "diarization/diarization_backend.h"
 #include "events/event_emitter.h"
-#include "events/json_escape.h"
+#include "events/json_object.h"
 #include "events/number_format.h"
 #include "speaker/cluster_identity.h"
 #include "speaker/segments_tsv.h"
@@ -51,31 +51,34 @@ SpeakerIdentifierOptions IdentifierOptionsFrom(const Options& options) {
 // {"type":"identify-result","speakers":{label:name,...},"segments":[...]}: the
 // matched labels in label order, then every kept turn in file order with the
 // name it resolved to (its own label when unmatched) and its cluster's score.
+std::string BuildIdentifiedTurnJson(const DiarizationSegment& turn,
+                                    const std::map<std::string, std::string>& names,
+                                    const std::map<std::string, float>& scores) {
+  const auto name = names.find(turn.speaker);
+  const auto score = scores.find(turn.speaker);
+  return JsonObject()
+      .AddRaw("start_time", FormatFixed(turn.start, 3))
+      .AddRaw("end_time", FormatFixed(turn.end, 3))
+      .AddString("label", turn.speaker)
+      .AddString("speaker", name != names.end() ? name->second : turn.speaker)
+      .AddRaw("score", FormatFixed(score != scores.end() ? score->second : 0.0, 3))
+      .Text();
+}
+
 std::string BuildIdentifyResultJson(const std::vector<DiarizationSegment>& turns,
                                     const std::map<std::string, std::string>& names,
                                     const std::map<std::string, float>& scores) {
-  std::string json = "{\"type\":\"identify-result\",\"speakers\":{";
-  bool first = true;
-  for (const auto& [label, name] : names) {
-    if (!first) json += ",";
-    first = false;
-    json += "\"" + JsonEscape(label) + "\":\"" + JsonEscape(name) + "\"";
-  }
-  json += "},\"segments\":[";
-  first = true;
+  JsonObject speakers;
+  for (const auto& [label, name] : names) speakers.AddString(label, name);
+  std::vector<std::string> segments;
   for (const DiarizationSegment& turn : turns) {
-    if (!first) json += ",";
-    first = false;
-    const auto name = names.find(turn.speaker);
-    const auto score = scores.find(turn.speaker);
-    json += "{\"start_time\":" + FormatFixed(turn.start, 3) +
-            ",\"end_time\":" + FormatFixed(turn.end, 3) + ",\"label\":\"" +
-            JsonEscape(turn.speaker) + "\",\"speaker\":\"" +
-            JsonEscape(name != names.end() ? name->second : turn.speaker) +
-            "\",\"score\":" + FormatFixed(score != scores.end() ? score->second : 0.0, 3) + "}";
+    segments.push_back(BuildIdentifiedTurnJson(turn, names, scores));
   }
-  json += "]}";
-  return json;
+  return JsonObject()
+      .AddString("type", "identify-result")
+      .AddRaw("speakers", speakers.Text())
+      .AddRaw("segments", JsonArray(segments))
+      .Text();
 }
 
 }  // namespace

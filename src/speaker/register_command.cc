@@ -9,7 +9,7 @@
 #include "audio/wav_reader.h"
 #include "common/thread_count_cap.h"
 #include "events/event_emitter.h"
-#include "events/json_escape.h"
+#include "events/json_object.h"
 #include "speaker/enroll_db.h"
 #include "speaker/samples_dir.h"
 #include "speaker/speaker_identifier.h"
@@ -82,7 +82,7 @@ int RunRegister(const Options& options) {
     return 1;
   }
   const std::string& db = options.speaker_enroll_db;
-  const std::string name = JsonEscape(options.register_name);
+  const std::string& name = options.register_name;
 
   std::string error;
   const std::string md5 = Md5File(options.register_input, &error);
@@ -91,8 +91,12 @@ int RunRegister(const Options& options) {
   // A file already enrolled is answered before any audio or model is touched.
   error.clear();
   if (EnrollDbContainsMd5(db, md5, &error)) {
-    emitter.EmitRawJson("{\"type\":\"ok\",\"status\":\"already_registered\",\"name\":\"" + name +
-                        "\",\"md5\":\"" + md5 + "\"}");
+    emitter.EmitRawJson(JsonObject()
+                            .AddString("type", "ok")
+                            .AddString("status", "already_registered")
+                            .AddString("name", name)
+                            .AddString("md5", md5)
+                            .Text());
     return 0;
   }
   if (!error.empty()) return FailRegister(&emitter, error);
@@ -114,15 +118,25 @@ int RunRegister(const Options& options) {
   }
   // Another registration of the same file may have landed while we computed.
   if (already_registered) {
-    emitter.EmitRawJson("{\"type\":\"ok\",\"status\":\"already_registered\",\"id\":\"" +
-                        JsonEscape(id) + "\",\"name\":\"" + name + "\",\"md5\":\"" + md5 + "\"}");
+    emitter.EmitRawJson(JsonObject()
+                            .AddString("type", "ok")
+                            .AddString("status", "already_registered")
+                            .AddString("id", id)
+                            .AddString("name", name)
+                            .AddString("md5", md5)
+                            .Text());
     return 0;
   }
 
   const std::string sample_path = SaveSampleCopy(options, md5, &emitter);
-  emitter.EmitRawJson("{\"type\":\"ok\",\"status\":\"registered\",\"id\":\"" + JsonEscape(id) +
-                      "\",\"name\":\"" + name + "\",\"md5\":\"" + md5 + "\",\"sample\":\"" +
-                      JsonEscape(sample_path) + "\"}");
+  emitter.EmitRawJson(JsonObject()
+                          .AddString("type", "ok")
+                          .AddString("status", "registered")
+                          .AddString("id", id)
+                          .AddString("name", name)
+                          .AddString("md5", md5)
+                          .AddString("sample", sample_path)
+                          .Text());
   return 0;
 }
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "events/event_emitter.h"
-#include "events/json_escape.h"
+#include "events/json_object.h"
 #include "speaker/enroll_db.h"
 #include "speaker/samples_dir.h"
 
@@ -28,25 +28,24 @@ int Reply(const std::string& json) {
   return kStatusOk;
 }
 
-std::string Quoted(const std::string& text) { return "\"" + JsonEscape(text) + "\""; }
-
 std::string VoiceprintJson(const Options& options, const EnrollSample& sample) {
   const std::string sample_path = sample.md5.empty() ? "" : SampleFilePathFor(options, sample.md5);
-  return "{\"md5\":" + Quoted(sample.md5) + ",\"sample\":" + Quoted(sample_path) + "}";
+  return JsonObject().AddString("md5", sample.md5).AddString("sample", sample_path).Text();
 }
 
 std::string SpeakerJson(const Options& options, const EnrollEntry& entry) {
-  std::string json = "{\"id\":" + Quoted(entry.id) + ",\"name\":" + Quoted(entry.name) +
-                     ",\"count\":" + std::to_string(entry.samples.size()) + ",\"voiceprints\":[";
-  for (size_t i = 0; i < entry.samples.size(); ++i) {
-    if (i > 0) json += ",";
-    json += VoiceprintJson(options, entry.samples[i]);
-  }
-  return json + "]}";
+  std::vector<std::string> voiceprints;
+  for (const EnrollSample& sample : entry.samples) voiceprints.push_back(VoiceprintJson(options, sample));
+  return JsonObject()
+      .AddString("id", entry.id)
+      .AddString("name", entry.name)
+      .AddInt("count", static_cast<long long>(entry.samples.size()))
+      .AddRaw("voiceprints", JsonArray(voiceprints))
+      .Text();
 }
 
 std::string NotFoundJson(const std::string& key, const std::string& value) {
-  return "{\"type\":\"ok\",\"status\":\"not_found\",\"" + key + "\":" + Quoted(value) + "}";
+  return JsonObject().AddString("type", "ok").AddString("status", "not_found").AddString(key, value).Text();
 }
 
 // The copies are conveniences for the host; one that is already gone (or cannot
@@ -100,12 +99,13 @@ int RunListSpeakers(const Options& options) {
   if (!LoadEnrollDb(options.speaker_enroll_db, &dim, &entries, &error)) {
     return ReplyError("list: " + error);
   }
-  std::string json = "{\"type\":\"speakers\",\"dim\":" + std::to_string(dim) + ",\"speakers\":[";
-  for (size_t i = 0; i < entries.size(); ++i) {
-    if (i > 0) json += ",";
-    json += SpeakerJson(options, entries[i]);
-  }
-  return Reply(json + "]}");
+  std::vector<std::string> speakers;
+  for (const EnrollEntry& entry : entries) speakers.push_back(SpeakerJson(options, entry));
+  return Reply(JsonObject()
+                   .AddString("type", "speakers")
+                   .AddInt("dim", dim)
+                   .AddRaw("speakers", JsonArray(speakers))
+                   .Text());
 }
 
 int RunMigrateSpeakers(const Options& options) {
@@ -130,8 +130,12 @@ int RunRenameSpeaker(const Options& options) {
     return ReplyError("rename: " + error);
   }
   if (!found) return Reply(NotFoundJson("id", options.rename_speaker_id));
-  return Reply("{\"type\":\"ok\",\"status\":\"renamed\",\"id\":" + Quoted(options.rename_speaker_id) +
-               ",\"name\":" + Quoted(options.rename_speaker_name) + "}");
+  return Reply(JsonObject()
+                   .AddString("type", "ok")
+                   .AddString("status", "renamed")
+                   .AddString("id", options.rename_speaker_id)
+                   .AddString("name", options.rename_speaker_name)
+                   .Text());
 }
 
 int RunUnregister(const Options& options) {
@@ -146,14 +150,13 @@ int RunUnregister(const Options& options) {
   if (!removal.found) return Reply(NotFoundJson(removal.key, removal.value));
 
   DeleteSampleCopies(options, removal.removed_md5s);
-  std::string removed_list;
-  for (size_t i = 0; i < removal.removed_md5s.size(); ++i) {
-    if (i > 0) removed_list += ",";
-    removed_list += Quoted(removal.removed_md5s[i]);
-  }
-  return Reply("{\"type\":\"ok\",\"status\":\"unregistered\",\"id\":" +
-               Quoted(options.unregister_speaker_id) + ",\"name\":" + Quoted(removal.name) +
-               ",\"removed\":[" + removed_list + "]}");
+  return Reply(JsonObject()
+                   .AddString("type", "ok")
+                   .AddString("status", "unregistered")
+                   .AddString("id", options.unregister_speaker_id)
+                   .AddString("name", removal.name)
+                   .AddRaw("removed", JsonStringArray(removal.removed_md5s))
+                   .Text());
 }
 
 }  // namespace kerrow

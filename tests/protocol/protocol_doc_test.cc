@@ -156,11 +156,11 @@ TEST_F(ProtocolDocExamples, EveryExamplePrintsWhatTheDocumentShows) {
   }
 }
 
-// The event types the sources can write: records composed as JSON text, and
-// the emitter's own typed events.
+// The event types the sources can write: records composed as JSON text or
+// through JsonObject, and the emitter's own typed events.
 std::set<std::string> EventTypesInSources() {
   static const std::regex composed(R"re(\\"type\\":\\"([a-z-]+))re");
-  static const std::regex emitted(R"re((?:TypedMessage\(|\{"type", )"([a-z-]+)")re");
+  static const std::regex emitted(R"re((?:TypedMessage\(|\{"type", |AddString\("type", )"([a-z-]+)")re");
   std::set<std::string> types;
   const std::filesystem::path sources = std::filesystem::path(KERROW_SOURCE_DIR) / "src";
   for (const auto& entry : std::filesystem::recursive_directory_iterator(sources)) {
