@@ -29,6 +29,8 @@ CHUNK_SECONDS = 0.1
 # With --manual-realtime kerrow writes no marker after a capture's last
 # result, so the host also stops waiting once kerrow has been quiet this long.
 QUIET_SECONDS = 3.0
+# Whatever the speed, the file's last second is written at real-time pace.
+END_AT_REAL_TIME_SECONDS = 1.0
 READY_TIMEOUT_SECONDS = 120.0
 
 
@@ -36,7 +38,8 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--kerrow", default="kerrow", help="the kerrow executable")
     parser.add_argument("--speed", type=float, default=1.0,
-                        help="play X times faster than real time (0: as fast as the pipe takes it)")
+                        help="play X times faster than real time (0: as fast as the pipe takes it); "
+                             "the last second always plays in real time")
     parser.add_argument("wav", help="16 kHz mono 16-bit WAV file")
     parser.add_argument("kerrow_args", nargs=argparse.REMAINDER,
                         help="after --: kerrow's own options (models, modes)")
@@ -160,14 +163,25 @@ class Session:
 
 
 def stream(session, audio, pcm, speed):
+    """Writes the PCM in chunks, paced by speed, and its last second in real time.
+
+    A capture ends with the audio kerrow has read when it takes "stop" up;
+    what is still in the pipe then is left out. Played faster than real time,
+    the pipe may hold seconds of audio, so the end is played at the pace of a
+    microphone, which gives kerrow the time to read what came before it.
+    """
     chunk_bytes = int(SAMPLE_RATE * CHUNK_SECONDS) * 2
-    started = time.monotonic()
+    real_time_from = len(pcm) - int(SAMPLE_RATE * END_AT_REAL_TIME_SECONDS) * 2
+    due = time.monotonic()
     for offset in range(0, len(pcm), chunk_bytes):
         audio.write(pcm[offset:offset + chunk_bytes])
         session.drain()
-        if speed > 0:
-            due = started + (offset + chunk_bytes) / 2 / SAMPLE_RATE / speed
+        pace = 1.0 if offset >= real_time_from else speed
+        if pace > 0:
+            due += CHUNK_SECONDS / pace
             time.sleep(max(0.0, due - time.monotonic()))
+        else:
+            due = time.monotonic()
 
 
 def main():
@@ -189,8 +203,11 @@ def main():
     session.wait_for(lambda event: event.get("type") == "result"
                      and session.last_result_segment >= session.last_partial_segment,
                      QUIET_SECONDS)
+    # A "stop" that decodes on the spot (--manual-mode alone) may still be
+    # decoding: kerrow takes "quit" up after it, so its result comes before
+    # the complete event, however long the decode is quiet.
     session.send("quit")
-    session.wait_for(lambda event: event.get("type") == "complete", QUIET_SECONDS)
+    session.wait_for(lambda event: event.get("type") == "complete", READY_TIMEOUT_SECONDS)
     audio.close()
     status = process.wait()
     print(f"kerrow exited with status {status}", flush=True)

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# usage: stream_wav_manual_test.sh PYTHON KERROW SOURCE_DIR
+# Streams en_short.wav through examples/stream_wav.py as fast as the pipe takes
+# it into a --manual-mode session, whose "stop" decodes the capture on the spot,
+# and checks that the one result holds the recording's last word: a capture
+# ends with what kerrow has read when "stop" arrives, so the sample host must
+# not send it while the end of the file is still in the pipe.
+set -euo pipefail
+python=$1 kerrow=$2 source=$3
+models=$source/models/trained
+fail() { echo "FAIL: $*" >&2; echo "--- sample host output:" >&2; cat "$out" >&2; exit 1; }
+
+out=$(mktemp)
+trap 'rm -f "$out"' EXIT
+"$python" "$source/examples/stream_wav.py" --speed 0 --kerrow "$kerrow" \
+  "$source/tests/data/audio/espeak/en_short.wav" -- \
+  --manual-mode \
+  --second-model "$models/sensevoice-en-char-v2/model.onnx" \
+  --second-tokens "$models/sensevoice-en-char-v2/tokens.txt" \
+  --num-threads-second 1 \
+  --ct-transformer "$models/punct-en/model.onnx" > "$out" || fail "the sample host exited with status $?"
+
+[ "$(head -n 1 "$out")" = "ready" ] || fail "the first line is not ready"
+! grep -q '^partial' "$out" || fail "--manual-mode alone writes no partials"
+[ "$(grep -c '^result' "$out")" -eq 1 ] || fail "expected one result for the one stop"
+grep -q '^result      \[---\] .*world.*second pass.*recognizer' "$out" ||
+  fail "the result lacks the end of the recording"
+[ "$(tail -n 2 "$out")" = "complete    Session ended (partial M2)
+kerrow exited with status 0" ] || fail "the session did not end with the complete event and status 0"
+echo "sample host output checked: $(grep -c . "$out") lines"
