@@ -1,7 +1,10 @@
 #ifndef KERROW_ENGINE_LIBRARY_CALL_H_
 #define KERROW_ENGINE_LIBRARY_CALL_H_
 
+#include <cstddef>
+#include <cstdint>
 #include <exception>
+#include <limits>
 #include <string>
 
 #include "common/error_text.h"
@@ -23,6 +26,13 @@ bool CallLibrary(const char* function_name, Call&& call, std::string* error) {
     SetError(error, std::string(function_name) + " unknown exception");
   }
   return false;
+}
+
+// The library counts the samples of one call in an int32_t; a longer block
+// would wrap. False, with `too_long` in `error`, for such a block.
+inline bool FitsLibrarySampleCount(size_t count, const char* too_long, std::string* error) {
+  if (count <= static_cast<size_t>(std::numeric_limits<int32_t>::max())) return true;
+  return Fail(error, too_long);
 }
 
 }  // namespace kerrow

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
-#include <limits>
 #include <sstream>
 
 #include "engine/library_call.h"
@@ -243,13 +242,8 @@ bool OfflineDecoderBackend::DecodeBlock(const std::vector<float>& samples,
                                         std::string* error) {
   ClearOutputs(text, tokens);
   if (samples.empty()) return true;
-  if (!IsReady()) {
-    SetError(error, "Decoder is not initialized");
-    return false;
-  }
-  // The library counts samples in an int32.
-  if (samples.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
-    SetError(error, "Audio block is too long to decode");
+  if (!IsReady()) return Fail(error, "Decoder is not initialized");
+  if (!FitsLibrarySampleCount(samples.size(), "Audio block is too long to decode", error)) {
     return false;
   }
   std::lock_guard<std::mutex> lock(decode_mutex_);

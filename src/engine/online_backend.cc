@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstdlib>
 #include <exception>
-#include <limits>
 
 #include "engine/library_call.h"
 #include "engine/model_file_check.h"
@@ -273,13 +272,9 @@ bool OnlineBackend::AcceptAndDecode(const std::vector<float>& samples,
   if (text != nullptr) text->clear();
   if (is_endpoint != nullptr) *is_endpoint = false;
   if (samples.empty()) return true;
-  if (!IsReady()) {
-    SetError(error, kNotInitialized);
-    return false;
-  }
-  if (samples.size() >
-      static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
-    SetError(error, "audio chunk is too long for the online recognizer");
+  if (!IsReady()) return Fail(error, kNotInitialized);
+  if (!FitsLibrarySampleCount(samples.size(), "audio chunk is too long for the online recognizer",
+                              error)) {
     return false;
   }
 

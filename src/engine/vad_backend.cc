@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <limits>
 #include <utility>
 
 #include "engine/library_call.h"
@@ -133,13 +132,8 @@ bool VadBackend::IsReady() const {
 bool VadBackend::AcceptWaveform(const std::vector<float>& samples,
                                 std::string* error) {
   if (samples.empty()) return true;
-  if (!IsReady()) {
-    SetError(error, kNotInitialized);
-    return false;
-  }
-  if (samples.size() >
-      static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
-    SetError(error, "audio block is too long for the VAD");
+  if (!IsReady()) return Fail(error, kNotInitialized);
+  if (!FitsLibrarySampleCount(samples.size(), "audio block is too long for the VAD", error)) {
     return false;
   }
   const SherpaOnnxVoiceActivityDetector* detector = impl_->detector.get();
