@@ -337,12 +337,9 @@ bool DecodeAndEmitOffline2PassFull(const Options& options,
                                           speaker_id, emitter, samples);
 }
 
-bool DecodeAndEmitOffline2PassSamples(const Options& options,
-                                      OfflineDecoderBackend* decoder,
-                                      PuncBackend* punc,
-                                      DiarizationBackend* diarization,
-                                      SpeakerIdentifier* speaker_id,
-                                      EventEmitter* emitter,
+bool DecodeAndEmitOffline2PassSamples(const Options& options, OfflineDecoderBackend* decoder,
+                                      PuncBackend* punc, DiarizationBackend* diarization,
+                                      SpeakerIdentifier* speaker_id, EventEmitter* emitter,
                                       const std::vector<float>& samples,
                                       const Offline2PassSchedule& schedule) {
   const Clock::time_point started = Clock::now();

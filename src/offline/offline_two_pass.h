@@ -44,15 +44,11 @@ bool DecodeAndEmitOffline2PassFull(const Options& options,
 
 // The same over samples the caller holds, for a recording that has no capture
 // buffer to share with a live session (file input): nothing is copied.
-bool DecodeAndEmitOffline2PassSamples(const Options& options,
-                                      OfflineDecoderBackend* decoder,
-                                      PuncBackend* punc,
-                                      DiarizationBackend* diarization,
-                                      SpeakerIdentifier* speaker_id,
-                                      EventEmitter* emitter,
+bool DecodeAndEmitOffline2PassSamples(const Options& options, OfflineDecoderBackend* decoder,
+                                      PuncBackend* punc, DiarizationBackend* diarization,
+                                      SpeakerIdentifier* speaker_id, EventEmitter* emitter,
                                       const std::vector<float>& samples,
-                                      const Offline2PassSchedule& schedule =
-                                          Offline2PassSchedule());
+                                      const Offline2PassSchedule& schedule = Offline2PassSchedule());
 
 }  // namespace kerrow
 
