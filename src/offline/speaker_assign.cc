@@ -151,6 +151,91 @@ size_t FindBreakNear(const std::vector<Utf8Char>& chars, size_t target,
   return target;
 }
 
+void KeepWhole(const SegmentResult& segment, const std::string& speaker,
+               LabelRenumberer* labels, std::vector<SegmentResult>* assigned) {
+  SegmentResult whole = segment;
+  whole.speaker = labels->Map(speaker);
+  assigned->push_back(std::move(whole));
+}
+
+// A segment no turn overlaps goes to the turn whose middle is nearest.
+void AssignToNearestTurn(const SegmentResult& segment,
+                         const std::vector<DiarizationSegment>& turns,
+                         EventEmitter* emitter, LabelRenumberer* labels,
+                         std::vector<SegmentResult>* assigned) {
+  double distance = 0.0;
+  const DiarizationSegment& nearest =
+      turns[NearestTurnByMidpoint(segment, turns, &distance)];
+  KeepWhole(segment, nearest.speaker, labels, assigned);
+  if (emitter == nullptr) return;
+  emitter->EmitLog("[DIARIZATION] no overlap for ASR [" +
+                   FormatFixed(segment.start_time, 3) + "s," +
+                   FormatFixed(segment.end_time, 3) +
+                   "s]; nearest diar=" + nearest.speaker +
+                   " dist=" + FormatFixed(distance, 3) + "s");
+}
+
+std::vector<OverlapPiece> KeepSubstantialPieces(
+    const SegmentResult& segment, const std::vector<OverlapPiece>& merged) {
+  const double segment_duration =
+      std::max(segment.end_time - segment.start_time, 0.000001);
+  std::vector<OverlapPiece> kept;
+  for (const OverlapPiece& piece : merged) {
+    if (piece.Duration() >= kMinPieceSeconds ||
+        piece.Duration() / segment_duration >= kMinPieceShare) {
+      kept.push_back(piece);
+    }
+  }
+  return kept;
+}
+
+// One part per piece, the text cut in proportion to the pieces' durations.
+void AppendSplitParts(const SegmentResult& segment,
+                      const std::vector<OverlapPiece>& kept,
+                      LabelRenumberer* labels,
+                      std::vector<SegmentResult>* assigned) {
+  std::vector<double> weights;
+  for (const OverlapPiece& piece : kept) weights.push_back(piece.Duration());
+  const std::vector<std::string> parts =
+      SplitTextByWeights(segment.text, weights);
+  for (size_t i = 0; i < kept.size(); ++i) {
+    SegmentResult part;
+    part.start_time = kept[i].start;
+    part.end_time = kept[i].end;
+    part.text = i < parts.size() ? TrimBlanks(parts[i]) : std::string();
+    part.speaker = labels->Map(kept[i].speaker);
+    assigned->push_back(std::move(part));
+  }
+}
+
+// Appends the segment, whole or split at speaker changes; true when split.
+bool AssignSegment(const SegmentResult& segment,
+                   const std::vector<DiarizationSegment>& turns,
+                   EventEmitter* emitter, LabelRenumberer* labels,
+                   std::vector<SegmentResult>* assigned) {
+  std::vector<OverlapPiece> pieces = ClipTurnsTo(segment, turns);
+  if (pieces.empty()) {
+    AssignToNearestTurn(segment, turns, emitter, labels, assigned);
+    return false;
+  }
+  const std::vector<OverlapPiece> merged =
+      MergeSameSpeakerPieces(std::move(pieces));
+  if (merged.size() == 1) {
+    KeepWhole(segment, merged.front().speaker, labels, assigned);
+    return false;
+  }
+  const std::vector<OverlapPiece> kept = KeepSubstantialPieces(segment, merged);
+  if (kept.size() < 2) {
+    KeepWhole(segment,
+              kept.empty() ? merged[LongestPiece(merged)].speaker
+                           : kept.front().speaker,
+              labels, assigned);
+    return false;
+  }
+  AppendSplitParts(segment, kept, labels, assigned);
+  return true;
+}
+
 }  // namespace
 
 std::vector<Utf8Char> Utf8Scan(const std::string& text) {
@@ -221,65 +306,8 @@ void AssignAndSplitBySpeakers(std::vector<SegmentResult>* segments,
   std::vector<SegmentResult> assigned;
   assigned.reserve(segments->size());
   int split_count = 0;
-
   for (const SegmentResult& segment : *segments) {
-    auto keep_whole = [&](const std::string& speaker) {
-      SegmentResult whole = segment;
-      whole.speaker = labels.Map(speaker);
-      assigned.push_back(std::move(whole));
-    };
-
-    std::vector<OverlapPiece> pieces = ClipTurnsTo(segment, turns);
-    if (pieces.empty()) {
-      double distance = 0.0;
-      const DiarizationSegment& nearest =
-          turns[NearestTurnByMidpoint(segment, turns, &distance)];
-      keep_whole(nearest.speaker);
-      if (emitter != nullptr) {
-        emitter->EmitLog("[DIARIZATION] no overlap for ASR [" +
-                         FormatFixed(segment.start_time, 3) + "s," +
-                         FormatFixed(segment.end_time, 3) +
-                         "s]; nearest diar=" + nearest.speaker +
-                         " dist=" + FormatFixed(distance, 3) + "s");
-      }
-      continue;
-    }
-
-    const std::vector<OverlapPiece> merged =
-        MergeSameSpeakerPieces(std::move(pieces));
-    if (merged.size() == 1) {
-      keep_whole(merged.front().speaker);
-      continue;
-    }
-
-    const double segment_duration =
-        std::max(segment.end_time - segment.start_time, 0.000001);
-    std::vector<OverlapPiece> kept;
-    for (const OverlapPiece& piece : merged) {
-      if (piece.Duration() >= kMinPieceSeconds ||
-          piece.Duration() / segment_duration >= kMinPieceShare) {
-        kept.push_back(piece);
-      }
-    }
-    if (kept.size() < 2) {
-      keep_whole(kept.empty() ? merged[LongestPiece(merged)].speaker
-                              : kept.front().speaker);
-      continue;
-    }
-
-    std::vector<double> weights;
-    for (const OverlapPiece& piece : kept) weights.push_back(piece.Duration());
-    const std::vector<std::string> parts =
-        SplitTextByWeights(segment.text, weights);
-    for (size_t i = 0; i < kept.size(); ++i) {
-      SegmentResult part;
-      part.start_time = kept[i].start;
-      part.end_time = kept[i].end;
-      part.text = i < parts.size() ? TrimBlanks(parts[i]) : std::string();
-      part.speaker = labels.Map(kept[i].speaker);
-      assigned.push_back(std::move(part));
-    }
-    ++split_count;
+    if (AssignSegment(segment, turns, emitter, &labels, &assigned)) ++split_count;
   }
 
   *segments = std::move(assigned);
