@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "common/error_text.h"
 #include "engine/punc_backend.h"
 #include "events/event_emitter.h"
 #include "events/transcript_records.h"
@@ -94,8 +95,7 @@ bool PunctuateKeepingEveryWord(PuncBackend* punc, EventEmitter* emitter,
   std::string result;
   if (punc == nullptr) {
     if (output != nullptr) *output = input;
-    if (error != nullptr) *error = "Punctuation backend is not initialized";
-    return false;
+    return Fail(error, "Punctuation backend is not initialized");
   }
   if (!punc->AddPunctuation(input, &result, error)) {
     if (output != nullptr) *output = input;
@@ -110,10 +110,7 @@ bool PunctuateKeepingEveryWord(PuncBackend* punc, EventEmitter* emitter,
   }
   if (got.chars.empty() || !IsPrefixOf(got.chars, want.chars)) {
     if (output != nullptr) *output = input;
-    if (error != nullptr) {
-      *error = "punctuation model changed the words of its input";
-    }
-    return false;
+    return Fail(error, "punctuation model changed the words of its input");
   }
 
   // The lost words start at the first character the output is missing.
