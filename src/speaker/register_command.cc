@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -11,6 +13,8 @@
 #include "events/event_emitter.h"
 #include "events/json_object.h"
 #include "speaker/enroll_db.h"
+#include "speaker/md5.h"
+#include "speaker/register_input.h"
 #include "speaker/samples_dir.h"
 #include "speaker/speaker_identifier.h"
 
@@ -54,22 +58,33 @@ bool ComputeRegisterEmbedding(const Options& options, const std::vector<float>& 
 
 // The copy lets the host play back or re-enrol a voiceprint later. Returns the
 // copy's path, or "" when it could not be made; registration succeeds either way.
-std::string SaveSampleCopy(const Options& options, const std::string& md5,
+// It is written from the bytes already read: the input may be a pipe that
+// cannot be read a second time.
+std::string SaveSampleCopy(const Options& options, const std::string& md5, const std::string& bytes,
                            EventEmitter* emitter) {
   const std::string directory = SamplesDirectoryFor(options);
   const std::string copy_path = SampleFilePathFor(options, md5);
   std::error_code failure;
   std::filesystem::create_directories(directory, failure);
+  bool saved = false;
   if (!failure) {
-    std::filesystem::copy_file(options.register_input, copy_path,
-                               std::filesystem::copy_options::overwrite_existing, failure);
+    std::ofstream copy(copy_path, std::ios::binary | std::ios::trunc);
+    copy.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    copy.close();
+    saved = !copy.fail();
   }
-  if (failure) {
+  if (!saved) {
     emitter->EmitLog("[REGISTER] warning: could not save sample copy under " + directory);
     return "";
   }
   emitter->EmitLog("[REGISTER] saved sample copy -> " + copy_path);
   return copy_path;
+}
+
+bool ReadRegisterSamples(const Options& options, const std::string& bytes, std::vector<float>* samples,
+                         std::string* error) {
+  std::istringstream wav(bytes);
+  return ReadWavMonoFromStream(wav, options.sample_rate, bytes.size(), samples, error);
 }
 
 }  // namespace
@@ -85,10 +100,12 @@ int RunRegister(const Options& options) {
   const std::string& name = options.register_name;
 
   std::string error;
-  const std::string md5 = Md5File(options.register_input, &error);
-  if (md5.empty()) return FailRegister(&emitter, error);
+  std::string input;
+  if (!ReadRegisterInput(options.register_input, &input, &error)) return FailRegister(&emitter, error);
+  const std::string md5 = Md5Hex(input);
 
-  // A file already enrolled is answered before any audio or model is touched.
+  // A file already enrolled is answered before its audio is decoded or any
+  // model is touched.
   error.clear();
   if (EnrollDbContainsMd5(db, md5, &error)) {
     emitter.EmitRawJson(JsonObject()
@@ -102,7 +119,7 @@ int RunRegister(const Options& options) {
   if (!error.empty()) return FailRegister(&emitter, error);
 
   std::vector<float> samples;
-  if (!ReadWavMono(options.register_input, options.sample_rate, &samples, &error)) {
+  if (!ReadRegisterSamples(options, input, &samples, &error)) {
     return FailRegister(&emitter, error);
   }
   std::vector<float> embedding;
@@ -128,7 +145,7 @@ int RunRegister(const Options& options) {
     return 0;
   }
 
-  const std::string sample_path = SaveSampleCopy(options, md5, &emitter);
+  const std::string sample_path = SaveSampleCopy(options, md5, input, &emitter);
   emitter.EmitRawJson(JsonObject()
                           .AddString("type", "ok")
                           .AddString("status", "registered")

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "audio/fifo_feeder.h"
 #include "support/json_fields.h"
 #include "support/kerrow_process.h"
 
@@ -173,6 +174,32 @@ TEST_F(RegisterIdentifyProcess, SameWavTwiceIsAlreadyRegisteredAndChangesNothing
                                      kMd5AEnroll + "\"}"});
   EXPECT_EQ(ReadFileBytes(db_), db_before);
   EXPECT_FALSE(std::filesystem::exists(copy));
+}
+
+// A recording handed over through a pipe (a shell's process substitution, a
+// FIFO) can be read only once, yet gives the checksum, the voiceprint and the
+// kept copy of the file it carries.
+TEST_F(RegisterIdentifyProcess, RecordingThroughAFifoRegistersLikeTheFile) {
+  const std::string recording = ReadFileBytes(Clip("a_enroll.wav"));
+  const std::string fifo = dir_.File("a_enroll.fifo");
+  ProcessResult result;
+  {
+    FifoFeeder feeder(fifo, recording);
+    result = Register("A", fifo);
+  }
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(result.stderr_text, "");
+  const std::string copy = dir_.File(std::string("samples/") + kMd5AEnroll + ".wav");
+  EXPECT_EQ(result.stdout_lines,
+            (std::vector<std::string>{LogLine("[REGISTER] saved sample copy -> " + copy),
+                                      RegisteredLine(RegisteredId(result), "A", kMd5AEnroll)}));
+  EXPECT_EQ(ReadFileBytes(copy), recording);
+
+  // The voiceprint is the one the file itself gives: its own test clip is named after it.
+  const ProcessResult identified = Identify(Clip("a_test.wav"), "0\t4.5\tSPEAKER_00\n");
+  ASSERT_EQ(identified.stdout_lines.size(), 3u);
+  EXPECT_NE(identified.stdout_lines[1].find("\"speakers\":{\"SPEAKER_00\":\"A\"}"), std::string::npos)
+      << identified.stdout_lines[1];
 }
 
 TEST_F(RegisterIdentifyProcess, LegacyEnrollAliasesRegisterToo) {

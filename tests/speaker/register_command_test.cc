@@ -136,6 +136,16 @@ TEST_F(RegisterCommand, InputThatCannotBeOpenedFailsAtTheChecksum) {
   EXPECT_FALSE(std::filesystem::exists(db_));
 }
 
+TEST_F(RegisterCommand, DirectoryAsInputFailsAtTheChecksum) {
+  Options options = OptionsFor("Alice", "a_enroll.wav");
+  options.register_input = dir_.path();
+  const Outcome outcome = Register(options);
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.lines, std::vector<std::string>{ErrorLine(
+                               "register: cannot open file for md5: " + options.register_input)});
+  EXPECT_FALSE(std::filesystem::exists(db_));
+}
+
 TEST_F(RegisterCommand, RegistersTheVoiceprintAndKeepsACopyBesideTheDatabase) {
   const Outcome outcome = Register(OptionsFor("Alice", "a_enroll.wav"));
   int dim = 0;
