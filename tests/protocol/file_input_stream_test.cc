@@ -1,12 +1,13 @@
 // Whole-file input that is not a plain file on disk, or too large for the memory
-// the host allows: kerrow --wav-input / --pcm-input as a child process, asserting
-// the exact event stream and exit status.
+// the host allows: kerrow --wav-input / --pcm-input (and --register-input) as a
+// child process, asserting the exact event stream and exit status.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <regex>
 #include <string>
 #include <vector>
@@ -173,6 +174,21 @@ TEST(FileInputStream, EndlessWavThroughAFifoUnderAMemoryLimitIsAnErrorEvent) {
     r = RunToEnd(Concat({"--manual-mode", "--wav-input", fifo}, PatternStubArgs()), kAddressSpaceLimit);
   }
   ExpectOutOfMemoryFailure(r, "Out of memory reading WAV data");
+}
+
+TEST(FileInputStream, RecordingToRegisterLargerThanTheMemoryLimitIsAnErrorEvent) {
+  if (!kAddressSpaceLimitsWork) GTEST_SKIP() << "a sanitized kerrow cannot run under an address-space limit";
+  TempDir dir;
+  const std::string path = dir.File("large.wav");
+  WriteSparseFile(path, WavHeaderDeclaring(1u << 30), 44 + (1ll << 30));
+  const ProcessResult r = RunToEnd({"--register-name", "Large", "--register-input", path,
+                                    "--speaker-embedding-model", ModelPath("trained/speaker-embedding/model.onnx"),
+                                    "--speaker-enroll-db", dir.File("speakers.db")},
+                                   kAddressSpaceLimit);
+  EXPECT_EQ(r.exit_status, 1);
+  EXPECT_EQ(r.stdout_lines, std::vector<std::string>{ErrorLine("Out of memory")});
+  EXPECT_EQ(r.stderr_text, "");
+  EXPECT_FALSE(std::filesystem::exists(dir.File("speakers.db")));
 }
 
 }  // namespace
