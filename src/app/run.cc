@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/library_busy_report.h"
 #include "app/library_thread_counts.h"
 #include "app/out_of_memory_guard.h"
 #include "audio/audio_buffer.h"
@@ -243,6 +244,7 @@ int DecodeFileInput(const Options& options, const Components& components, EventE
   // The decode reads the samples where they are: a file has no live session
   // appending to a capture buffer, so one copy of the recording is all it takes.
   emitter->EmitLog(kind + " input: using unified offline_2pass decode path");
+  const LibraryBusyReport busy_report;
   if (!DecodeAndEmitOffline2PassSamples(options, components.decoder, components.punc, components.diarization,
                                         components.speaker_id, emitter, samples)) {
     emitter->EmitError("File decode failed");

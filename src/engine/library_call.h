@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/error_text.h"
+#include "engine/library_busy_clock.h"
 
 namespace kerrow {
 
@@ -17,6 +18,7 @@ namespace kerrow {
 // names the library function, instead of letting it end the process.
 template <typename Call>
 bool CallLibrary(const char* function_name, Call&& call, std::string* error) {
+  const LibraryBusyClock::Scope busy;
   try {
     call();
     return true;
