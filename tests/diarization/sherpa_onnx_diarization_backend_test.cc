@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -311,6 +312,38 @@ TEST(SherpaOnnxDiarizationProcess, ForcedCountHoldsWhateverTheSegmentationSays) 
   const auto turns = Diarize(options, "format-checks/two_voices.wav");
   EXPECT_EQ(Labels(turns), (std::set<std::string>{"SPEAKER_00", "SPEAKER_01"}));
 }
+
+// Every bundled conversation, its number of voices known: each reference turn
+// carries its voice's label for most of its duration, and each voice has a
+// label of its own.
+class BundledConversation : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(BundledConversation, KnownCountGivesEachVoiceItsOwnLabelOnEveryTurn) {
+  const std::string base = "espeak-dialog/" + GetParam();
+  const std::vector<LabelledSpan> reference = testing::ReadRttm(AudioPath(base + ".rttm"));
+  std::set<std::string> voices;
+  for (const LabelledSpan& turn : reference) voices.insert(turn.label);
+  ASSERT_GE(voices.size(), 2u) << base;
+
+  DiarizationInitOptions options = ExplicitModels();
+  options.max_speakers = static_cast<int32_t>(voices.size());
+  const auto turns = Diarize(options, base + ".wav");
+  EXPECT_EQ(Labels(turns).size(), voices.size());
+  const auto agreement = testing::ScoreLabelAgreement(reference, AsSpans(turns));
+  EXPECT_TRUE(agreement.voices_get_distinct_labels);
+  EXPECT_GE(agreement.worst_turn_share, 0.8) << base;
+}
+
+std::string ConversationTestName(const ::testing::TestParamInfo<std::string>& info) {
+  std::string name = info.param;
+  std::replace(name.begin(), name.end(), '-', '_');
+  return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(SherpaOnnxDiarizationProcess, BundledConversation,
+                         ::testing::Values("two-voices-dialog", "heldout-2voices-a",
+                                           "heldout-2voices-b", "heldout-3voices-a"),
+                         ConversationTestName);
 
 // --- renumbering of the library's cluster ids ---
 
