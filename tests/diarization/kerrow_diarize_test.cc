@@ -5,10 +5,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
+#include "audio/wav_writer.h"
 #include "diarization/fluid_audio_subprocess_backend.h"
+#include "diarization/helper_line_protocol.h"
 #include "diarization/rttm_turns.h"
 #include "support/kerrow_process.h"
 
@@ -126,6 +129,36 @@ TEST(KerrowDiarize, AnswersRequestsItCannotServeWithDoneAndExitsWhenInputEnds) {
   EXPECT_EQ(result.stderr_text,
             "kerrow-diarize: bad request: request is not a JSON object\n"
             "kerrow-diarize: cannot read " + missing + ": WAV file not found: " + missing + "\n");
+}
+
+// Run as the engine runs it, on a real request: standard output holds READY,
+// then nothing but turn lines in the helper's own format, then DONE, however
+// much the libraries underneath print.
+TEST(KerrowDiarize, StandardOutputCarriesOnlyProtocolLines) {
+  DiarizationModelDir models;
+  TempDir scratch;
+  const std::string wav = scratch.File("dialog.wav");
+  ASSERT_TRUE(WriteWavFloat32(wav, LoadWavForTest(AudioPath("espeak-dialog/two-voices-dialog.wav")),
+                              16000, nullptr));
+  const testing::ProcessResult result =
+      RunKerrow({"--resident", "--model", models.path()}, FormatHelperRequest(wav) + "\n", -1, "",
+                std::chrono::seconds(120), "", KERROW_DIARIZE_BINARY);
+  EXPECT_EQ(result.exit_status, 0) << result.stderr_text;
+  const std::vector<std::string>& lines = result.stdout_lines;
+  ASSERT_GE(lines.size(), 3u) << result.stderr_text;
+  EXPECT_EQ(lines.front(), "READY");
+  EXPECT_EQ(lines.back(), "DONE");
+  std::vector<DiarizationSegment> turns;
+  for (size_t i = 1; i + 1 < lines.size(); ++i) {
+    DiarizationSegment turn;
+    ASSERT_TRUE(ParseHelperTurn(lines[i], &turn)) << lines[i];
+    EXPECT_EQ(FormatHelperTurn(turn), lines[i]);
+    turns.push_back(turn);
+  }
+  const auto agreement =
+      ScoreLabelAgreement(ReadRttm(AudioPath("espeak-dialog/two-voices-dialog.rttm")), AsSpans(turns));
+  EXPECT_TRUE(agreement.voices_get_distinct_labels);
+  EXPECT_GE(agreement.worst_turn_share, 0.8);
 }
 
 TEST(KerrowDiarize, RefusesACommandLineWithoutResidentBeforeLoadingAnything) {
