@@ -471,6 +471,25 @@ TEST(Offline2Pass, DiarizationOffNeverAsksTheBackend) {
   EXPECT_FALSE(AnyLineContains(out.lines, "DIARIZATION"));
 }
 
+// Speakers are found only for text to label: a recording without speech, or
+// without any audio, never reaches the diarizer.
+TEST(Offline2Pass, DiarizationIsNotRunWhenThereIsNoTextToLabel) {
+  Options options = WithVad();
+  options.diarization = true;
+  ScriptedDiarization diarization;
+  diarization.error_message = "must not be called";
+  for (const std::vector<float>& samples :
+       {ReadRecording("format-checks/sil.wav"), std::vector<float>{}}) {
+    const PipelineOutput out =
+        RunPipeline(options, TrainedSenseVoice(), TrainedPunc(), samples, &diarization);
+    ASSERT_TRUE(out.ok);
+    EXPECT_FALSE(AnyLineContains(out.lines, "diarization")) << ::testing::PrintToString(out.lines);
+    EXPECT_FALSE(AnyLineContains(out.lines, "DIARIZATION"));
+    EXPECT_FALSE(AnyLineContains(out.lines, R"("speaker":)"));
+    EXPECT_NE(ResultLine(out.lines), "");
+  }
+}
+
 TEST(Offline2Pass, IdentifiedSpeakersReplaceDiarizationLabels) {
   // Voice A of the dialog is enrolled as "Alice"; voice B is nobody we know.
   char db_template[] = "/tmp/kerrow-enroll-XXXXXX";
