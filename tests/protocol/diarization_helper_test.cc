@@ -302,6 +302,28 @@ TEST(DiarizationHelper, KerrowExitsEvenWhenTheHelperIgnoresItsClosedInputAndSigt
   EXPECT_EQ(ReadFileBytes(dir.File("signals")).substr(0, 5), "TERM\n");
 }
 
+// The set-up line names the helper backend that was asked for; an empty name
+// reads as the default, offline, and is not passed to the helper at all.
+TEST(DiarizationHelper, TheInitLineNamesTheHelperBackendAndTheHelperIsToldIt) {
+  for (const std::string backend : {"sortformer", ""}) {
+    TempDir dir;
+    const std::string helper = WriteHelperScript(
+        dir, "echo \"$@\" > '" + dir.File("argv") + "'\necho READY\nwhile read l; do echo DONE; done\n");
+    const ProcessResult r =
+        RunKerrow(Concat(StubDecodeWithHelper(helper), {"--diarization-backend", backend}));
+    ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
+    EXPECT_EQ(r.stderr_text, "");
+    const std::string shown = backend.empty() ? "offline" : backend;
+    EXPECT_EQ(LinesBefore(r.stdout_lines, ReadyLine()),
+              StubDecoderSetUp({LogLine("[M2] Speaker diarization initialized (fluidaudio-diar, backend=" +
+                                        shown + ")")}));
+    EXPECT_EQ(ReadFileBytes(dir.File("argv")),
+              backend.empty() ? "--resident --model /models/diar\n"
+                              : "--resident --model /models/diar --backend " + backend + "\n");
+    EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+  }
+}
+
 TEST(DiarizationHelper, AHelperThatCannotBeExecutedLeavesOneLineOnStandardError) {
   TempDir dir;
   const std::string helper = dir.File("not-a-program");
