@@ -55,6 +55,18 @@ TEST(RunSetUp, DiarizationWithoutModelPathsBuildsNothingAndIgnoresSpeakerId) {
   EXPECT_EQ(SetUpLines(r), DecoderSetUp());
 }
 
+// One model path selects a backend only beside a model directory that could
+// hold the other; alone it builds nothing and says nothing.
+TEST(RunSetUp, OneDiarizationModelPathWithoutADirectoryBuildsNothing) {
+  for (const std::string option : {"--diarization-segmentation-model", "--diarization-embedding-model"}) {
+    const ProcessResult r = RunKerrow(Concat(
+        WhisperStubFileArgs(), {"--diarization", option, "/nonexistent/model.onnx"}));
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(SetUpLines(r), DecoderSetUp()) << option;
+    EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
+  }
+}
+
 std::vector<std::string> StubDiarizationArgs() {
   return {"--diarization", "--diarization-segmentation-model", ModelPath("stubs/segmentation/model.onnx"),
           "--diarization-embedding-model", ModelPath("stubs/embedding/model.onnx")};
