@@ -18,7 +18,9 @@ const std::string kSegmentation = ModelPath("trained/segmentation-3spk/model.onn
 const std::string kEmbedding = ModelPath("trained/speaker-embedding/model.onnx");
 
 enum class BrokenModel { kSegmentation, kEmbedding };
-enum class Source { kExplicit, kModelDirectory };
+// In the model directory the bad file has the preferred name or only a name
+// that the search's hint matches.
+enum class Source { kExplicit, kModelDirectory, kHintedNameInModelDirectory };
 
 using BadModelCase = std::tuple<BrokenModel, Source, BadModelKind>;
 
@@ -31,7 +33,9 @@ TEST_P(SherpaOnnxDiarizationBadModel, InitRefusesItAndTheProcessGoesOn) {
   const auto [broken, source, kind] = GetParam();
   TempDir dir;
   const bool segmentation_broken = broken == BrokenModel::kSegmentation;
-  const std::string bad_name = segmentation_broken ? "segmentation-3.1.onnx" : "wespeaker.onnx";
+  const bool hinted = source == Source::kHintedNameInModelDirectory;
+  const std::string bad_name = segmentation_broken ? (hinted ? "my-Segment.onnx" : "segmentation-3.1.onnx")
+                                                   : (hinted ? "speaker-embed.onnx" : "wespeaker.onnx");
   const std::string bad_path = dir.File(bad_name);
   testing::WriteBadModel(kind, bad_path, segmentation_broken ? kSegmentation : kEmbedding,
                          segmentation_broken ? kEmbedding : kSegmentation);
@@ -52,7 +56,7 @@ TEST_P(SherpaOnnxDiarizationBadModel, InitRefusesItAndTheProcessGoesOn) {
   EXPECT_FALSE(backend.IsReady());
   // A file the directory search skips (missing, a directory) is reported as
   // not found there; everything else is named with its path.
-  const bool skipped_by_search = source == Source::kModelDirectory &&
+  const bool skipped_by_search = source != Source::kExplicit &&
                                  (kind == BadModelKind::kMissing ||
                                   kind == BadModelKind::kDirectory);
   if (skipped_by_search) {
@@ -67,14 +71,17 @@ TEST_P(SherpaOnnxDiarizationBadModel, InitRefusesItAndTheProcessGoesOn) {
 std::string CaseName(const ::testing::TestParamInfo<BadModelCase>& info) {
   const auto [broken, source, kind] = info.param;
   return std::string(broken == BrokenModel::kSegmentation ? "Segmentation" : "Embedding") +
-         (source == Source::kExplicit ? "Explicit" : "InModelDirectory") +
+         (source == Source::kExplicit         ? "Explicit"
+          : source == Source::kModelDirectory ? "InModelDirectory"
+                                              : "HintedInModelDirectory") +
          testing::BadModelKindName(kind);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     EveryKind, SherpaOnnxDiarizationBadModel,
     ::testing::Combine(::testing::Values(BrokenModel::kSegmentation, BrokenModel::kEmbedding),
-                       ::testing::Values(Source::kExplicit, Source::kModelDirectory),
+                       ::testing::Values(Source::kExplicit, Source::kModelDirectory,
+                                         Source::kHintedNameInModelDirectory),
                        ::testing::ValuesIn(testing::kAllBadModelKinds)),
     CaseName);
 
