@@ -261,8 +261,15 @@ bool SherpaOnnxDiarizationBackend::Process(
     return false;
   }
   const SherpaOnnxOfflineSpeakerDiarization* diarizer = impl_->diarizer.get();
-  const int32_t expected =
-      SherpaOnnxOfflineSpeakerDiarizationGetSampleRate(diarizer);
+  int32_t expected = 0;
+  if (!CallLibrary(
+          "SherpaOnnxOfflineSpeakerDiarizationGetSampleRate()",
+          [&] {
+            expected = SherpaOnnxOfflineSpeakerDiarizationGetSampleRate(diarizer);
+          },
+          error)) {
+    return false;
+  }
   if (sample_rate != expected) {
     SetError(error, "Diarization sample rate mismatch: expected " +
                         std::to_string(expected) + ", got " +
