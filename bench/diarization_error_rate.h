@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "diarization/rttm_turns.h"
+#include "support/rttm_turns.h"
 
 namespace kerrow::bench {
 

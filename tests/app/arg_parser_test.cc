@@ -7,7 +7,7 @@
 
 #include "common/options.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 // Holds argv storage for one ParseArgs call; the program name comes first.
@@ -414,4 +414,4 @@ TEST(NormalizeSecondType, FoldsCaseAndMapsSenseDashVoice) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -13,7 +13,7 @@
 
 #include "app/arg_parser.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 struct DocumentedOption {
@@ -125,4 +125,4 @@ TEST(ProtocolReference, ParserTableListsEachOptionOnce) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

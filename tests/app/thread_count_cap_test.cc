@@ -2,6 +2,7 @@
 // process may use.
 
 #include "common/thread_count_cap.h"
+#include "support/one_core_pin.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +14,7 @@
 #include <sched.h>
 #endif
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 TEST(CapThreadCount, CountAboveTheCoresIsLoweredToThem) {
@@ -53,21 +54,14 @@ TEST(UsableCoreCount, IsKnownAndAtMostTheMachinesCount) {
 #ifdef __linux__
 // A cpuset (taskset, a container's limit) shows in the affinity mask only.
 TEST(UsableCoreCount, FollowsTheAffinityMask) {
-  cpu_set_t original;
-  CPU_ZERO(&original);
-  ASSERT_EQ(sched_getaffinity(0, sizeof(original), &original), 0);
-  int first_cpu = 0;
-  while (!CPU_ISSET(first_cpu, &original)) ++first_cpu;
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(first_cpu, &one);
-  ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
+  OneCorePin pin;
+  ASSERT_TRUE(pin.pinned());
   const uint32_t cores = UsableCoreCount();
-  ASSERT_EQ(sched_setaffinity(0, sizeof(original), &original), 0);
+  ASSERT_TRUE(pin.Restore());
   EXPECT_EQ(cores, 1u);
-  EXPECT_EQ(UsableCoreCount(), static_cast<uint32_t>(CPU_COUNT(&original)));
+  EXPECT_EQ(UsableCoreCount(), static_cast<uint32_t>(pin.original_core_count()));
 }
 #endif
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -9,7 +9,7 @@
 #include "audio/wav_bytes.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 const uint8_t* Bytes(const std::string& text) { return reinterpret_cast<const uint8_t*>(text.data()); }
@@ -77,4 +77,4 @@ TEST(RegularFileSizeOrZero, OnlyRegularFilesHaveASize) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "audio/fifo_feeder.h"
+#include "support/fifo_feeder.h"
 #include "audio/wav_bytes.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 class PcmFileReaderTest : public ::testing::Test {
@@ -128,4 +128,4 @@ TEST(PcmFileReader, ReadsFromAnyStreamNamingItInMessages) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

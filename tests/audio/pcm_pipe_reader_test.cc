@@ -15,7 +15,7 @@
 
 #include "audio/wav_bytes.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 // A real pipe, as the host provides on the audio descriptor.
@@ -254,4 +254,4 @@ TEST(PcmPipeReader, BytesToFloat32ConvertsBothFormats) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -8,7 +8,7 @@
 
 #include "audio/wav_bytes.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 std::vector<float> DecodeS16(const std::string& bytes) {
@@ -45,4 +45,4 @@ TEST(SampleConvert, F32RoundTripKeepsBitPatterns) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

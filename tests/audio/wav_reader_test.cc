@@ -9,19 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "audio/fifo_feeder.h"
+#include "support/fifo_feeder.h"
 #include "audio/wav_bytes.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::Chunk;
-using testing::FmtBody;
-using testing::Le16;
-using testing::Le32;
-using testing::Riff;
-using testing::S16Samples;
 
 const char kUnsupported[] = "Unsupported WAV format. Expect mono 16-bit PCM or mono 32-bit float";
 
@@ -321,4 +315,4 @@ TEST(WavReader, BundledRecordingMatchesIndependentReader) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -11,11 +11,9 @@
 #include "audio/wav_reader.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::Le16;
-using testing::Le32;
 
 std::string ExpectedHeader(uint32_t sample_rate, uint32_t data_size) {
   return "RIFF" + Le32(data_size + 36) + "WAVE" + "fmt " + Le32(16) + Le16(3) + Le16(1) +
@@ -76,4 +74,4 @@ TEST(WavWriter, ShortWriteFailsAndRemovesThePartialFile) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

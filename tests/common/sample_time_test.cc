@@ -7,7 +7,7 @@
 #include <cmath>
 #include <limits>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 TEST(SampleTime, RoundsHalfAwayFromZeroByDefault) {
@@ -46,4 +46,4 @@ TEST(SampleTime, SamplesToSecondsDividesByTheRate) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 TEST(Utf8PuncTables, PunctuationSetHasTwentySixEntriesOfTwoOrThreeBytes) {
@@ -238,4 +238,4 @@ TEST(EnsureTerminalPunc, CommaIsNotSentenceFinal) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -6,7 +6,7 @@
 
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 constexpr char kNothingSelected[] =
@@ -98,4 +98,4 @@ TEST(MakeDiarizationBackends, SherpaOnnxBackendIsBuiltInAndStartsUninitialised) 
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

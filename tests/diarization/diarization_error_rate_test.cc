@@ -7,10 +7,10 @@
 
 #include <vector>
 
-namespace kerrow::bench {
+namespace kerrow::testing {
 namespace {
 
-using testing::LabelledSpan;
+using bench::ScoreDiarization;
 
 const std::vector<LabelledSpan> kReference = {
     {0.0, 2.0, "voiceA"}, {3.0, 5.0, "voiceB"}, {6.0, 8.0, "voiceA"}};
@@ -56,4 +56,4 @@ TEST(ScoreDiarization, OverlappedSpeechCountsOncePerSpeaker) {
 }
 
 }  // namespace
-}  // namespace kerrow::bench
+}  // namespace kerrow::testing

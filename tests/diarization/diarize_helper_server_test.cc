@@ -15,10 +15,9 @@
 #include "audio/wav_writer.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::TempDir;
 
 // Stands in for the diarizer: answers every Process with the same turns (or
 // the same failure) and remembers what it was given.
@@ -264,4 +263,4 @@ TEST(RunDiarizeHelper, StopsWhenTheEngineNoLongerReadsReplies) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

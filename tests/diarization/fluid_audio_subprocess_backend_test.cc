@@ -17,13 +17,9 @@
 
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::LoadWavForTest;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 // Writes an executable /bin/sh script into dir and returns its path.
 std::string WriteHelperScript(const TempDir& dir, const std::string& name,
@@ -405,4 +401,4 @@ TEST(MakeFluidAudioDiarizationBackend, ReturnsAnUninitialisedHelperBackend) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 TEST(FormatHelperRequest, WritesOneCompactJsonObject) {
@@ -125,4 +125,4 @@ TEST(HelperLabelMap, NamesLabelsInOrderOfFirstAppearance) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

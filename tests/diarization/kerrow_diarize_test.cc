@@ -12,37 +12,13 @@
 #include "audio/wav_writer.h"
 #include "diarization/fluid_audio_subprocess_backend.h"
 #include "diarization/helper_line_protocol.h"
-#include "diarization/rttm_turns.h"
+#include "support/rttm_turns.h"
 #include "support/kerrow_process.h"
+#include "support/diarization_model_dir.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::AudioPath;
-using testing::LabelledSpan;
-using testing::LoadWavForTest;
-using testing::ModelPath;
-using testing::ReadRttm;
-using testing::RunKerrow;
-using testing::ScoreLabelAgreement;
-using testing::TempDir;
-
-// A model directory laid out the way a user would unpack the models: the
-// directory search finds them by their usual names.
-class DiarizationModelDir {
- public:
-  DiarizationModelDir() {
-    Link("trained/segmentation-3spk/model.onnx", "segmentation-3.1.onnx");
-    Link("trained/speaker-embedding/model.onnx", "wespeaker.onnx");
-  }
-  const std::string& path() const { return dir_.path(); }
-
- private:
-  void Link(const std::string& model, const std::string& name) {
-    ASSERT_EQ(::symlink(ModelPath(model).c_str(), dir_.File(name).c_str()), 0);
-  }
-  TempDir dir_;
-};
 
 DiarizationInitOptions HelperOptions(const std::string& model_dir) {
   DiarizationInitOptions options;
@@ -171,4 +147,4 @@ TEST(KerrowDiarize, RefusesACommandLineWithoutResidentBeforeLoadingAnything) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

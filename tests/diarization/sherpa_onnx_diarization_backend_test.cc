@@ -9,18 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "diarization/rttm_turns.h"
+#include "support/rttm_turns.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::AudioPath;
-using testing::LabelledSpan;
-using testing::LoadWavForTest;
-using testing::ModelPath;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 const std::string kSegmentation = ModelPath("trained/segmentation-3spk/model.onnx");
 const std::string kEmbedding = ModelPath("trained/speaker-embedding/model.onnx");
@@ -382,4 +376,4 @@ TEST(AppendLabelledTurns, MoreThanAHundredSpeakersKeepEveryDigit) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -3,16 +3,13 @@
 #include <string>
 #include <tuple>
 
-#include "diarization/bad_model_files.h"
+#include "support/bad_model_files.h"
 #include "diarization/sherpa_onnx_diarization_backend.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::BadModelKind;
-using testing::ModelPath;
-using testing::TempDir;
 
 const std::string kSegmentation = ModelPath("trained/segmentation-3spk/model.onnx");
 const std::string kEmbedding = ModelPath("trained/speaker-embedding/model.onnx");
@@ -86,4 +83,4 @@ INSTANTIATE_TEST_SUITE_P(
     CaseName);
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

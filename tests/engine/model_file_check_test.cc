@@ -8,14 +8,9 @@
 
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::GitLfsPointerText;
-using testing::ModelPath;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 const std::string kLfsPointer =
     GitLfsPointerText("fdf60619843862a05603299c7435e928962e29aa6305e0a3f889583d7bacdc11", 8199965);
@@ -295,4 +290,4 @@ TEST(CheckModelFile, NullErrorIsAllowed) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -8,17 +8,9 @@
 
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::AudioPath;
-using testing::CharacterErrorRate;
-using testing::LoadWavForTest;
-using testing::GitLfsPointerText;
-using testing::ModelPath;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 DecoderInitOptions TrainedSenseVoice() {
   DecoderInitOptions options;
@@ -500,4 +492,4 @@ TEST(OfflineDecoderBackend, ReinitSwitchesModels) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -16,16 +16,9 @@
 
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::AudioPath;
-using testing::LoadWavForTest;
-using testing::GitLfsPointerText;
-using testing::ModelPath;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 constexpr int kRate = 16000;
 constexpr size_t kChunk = 1600;  // 0.1 s, the PCM loop's default chunk
@@ -710,4 +703,4 @@ TEST(OnlineBackend, TokensFileProblemsFailInit) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

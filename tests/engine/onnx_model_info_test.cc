@@ -7,12 +7,9 @@
 
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::GitLfsPointerText;
-using testing::ModelPath;
-using testing::ReadFileBytes;
 
 // Hand-assembled wire bytes: tag = field << 3 | wire type.
 std::string Varint(uint64_t value) {
@@ -208,4 +205,4 @@ TEST(OnnxModelInfo, MissingFileFails) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -6,14 +6,9 @@
 
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::GitLfsPointerText;
-using testing::ModelPath;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 PuncInitOptions StubPunctuation() {
   PuncInitOptions options;
@@ -186,4 +181,4 @@ TEST(PuncBackend, FailedReinitLeavesItNotReady) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -5,7 +5,7 @@
 #include "engine/sherpa_handles.h"
 #include "engine/sherpa_onnx_c_api.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 // The declarations and layout checks in sherpa_onnx_c_api.h describe exactly
@@ -33,4 +33,4 @@ TEST(SherpaHandles, HoldersAreOnePointerWideAndReleaseWhatTheyOwn) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

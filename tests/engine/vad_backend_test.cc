@@ -10,16 +10,9 @@
 
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::AudioPath;
-using testing::LoadWavForTest;
-using testing::GitLfsPointerText;
-using testing::ModelPath;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 constexpr int kRate = 16000;
 // 0.1 s: the block size of both the PCM loop and the offline pipeline. The
@@ -514,4 +507,4 @@ TEST(VadBackend, PunctuationModelAsVadFails) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

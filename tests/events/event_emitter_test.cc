@@ -15,10 +15,9 @@
 #include "events/json_escape.h"
 #include "support/stdout_capture.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::StdoutCapture;
 
 TEST(EventEmitter, ErrorWithQuoteAndLineFeedIsEscapedOnOneLine) {
   EventEmitter emitter;
@@ -146,4 +145,4 @@ TEST(EventEmitter, TwoThreadsOfTenThousandLinesNeverTear) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 const std::string kReplacement = "\xEF\xBF\xBD";
@@ -120,4 +120,4 @@ TEST(JsonEscape, EveryThreeByteLeadWithContinuationsComesOutStrictlyValid) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 TEST(FormatFixed, TwoDecimalsPadWithZeros) { EXPECT_EQ(FormatFixed(1.5, 2), "1.50"); }
@@ -94,4 +94,4 @@ TEST(SecondsToMs, NanGivesZeroAndHugeValuesSaturate) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -8,7 +8,7 @@
 #include "events/json_escape.h"
 #include "events/segment_result.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 SegmentResult Segment(double start, double end, const std::string& text,
@@ -237,4 +237,4 @@ TEST(BuildSecondPassResultJson, MergedTextOnlyWithFinalOrWholeFileFlag) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

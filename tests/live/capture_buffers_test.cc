@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 Options Manual(bool realtime, bool offline_2pass, bool single_model) {
@@ -50,4 +50,4 @@ TEST(CaptureBuffers, SingleModelWithOffline2passKeepsTheWholeCapture) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

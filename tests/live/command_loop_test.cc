@@ -53,9 +53,9 @@ TEST(CommandLoop, IntervalBelowMinimumStoresPointTwoSeconds) {
   harness.StopCapture();
   EXPECT_EQ(harness.Lines(),
             (std::vector<std::string>{
-                Log("single-partial-interval updated to 0.200s (inactive until native "
+                LogLine("single-partial-interval updated to 0.200s (inactive until native "
                     "single-model manual-realtime is used)"),
-                Log("Quit requested")}));
+                LogLine("Quit requested")}));
 }
 
 TEST(CommandLoop, IntervalOfZeroOrMinusOneStoresHalfASecond) {
@@ -78,10 +78,10 @@ TEST(CommandLoop, IntervalOfZeroOrMinusOneStoresHalfASecond) {
   harness.StopCapture();
   // Active in single-model manual-realtime: no "inactive" note.
   EXPECT_EQ(harness.Lines(), (std::vector<std::string>{
-                                 Log("single-partial-interval updated to 0.500s"),
-                                 Log("single-partial-interval updated to 1.000s"),
-                                 Log("single-partial-interval updated to 0.500s"),
-                                 Log("Quit requested")}));
+                                 LogLine("single-partial-interval updated to 0.500s"),
+                                 LogLine("single-partial-interval updated to 1.000s"),
+                                 LogLine("single-partial-interval updated to 0.500s"),
+                                 LogLine("Quit requested")}));
 }
 
 TEST(CommandLoop, IntervalThatDoesNotParseIsAnUnknownCommand) {
@@ -92,8 +92,8 @@ TEST(CommandLoop, IntervalThatDoesNotParseIsAnUnknownCommand) {
   ASSERT_TRUE(harness.WaitForEnd());
   harness.StopCapture();
   EXPECT_EQ(harness.Lines(),
-            (std::vector<std::string>{Log("Unknown command: set single-partial-interval abc"),
-                                      Log("Quit requested")}));
+            (std::vector<std::string>{LogLine("Unknown command: set single-partial-interval abc"),
+                                      LogLine("Quit requested")}));
   EXPECT_EQ(harness.state().single_partial_step_samples.load(), 8000u);
 }
 
@@ -109,9 +109,9 @@ TEST(CommandLoop, CommandsAreComparedExactlyWithoutTrimming) {
   ASSERT_TRUE(harness.WaitForEnd());
   harness.StopCapture();
   EXPECT_EQ(harness.Lines(),
-            (std::vector<std::string>{Log("Unknown command: start "), Log("Unknown command: Start"),
-                                      Log("Mode switched to manual"), Log("Mode switched to auto"),
-                                      Log("Quit requested")}));
+            (std::vector<std::string>{LogLine("Unknown command: start "), LogLine("Unknown command: Start"),
+                                      LogLine("Mode switched to manual"), LogLine("Mode switched to auto"),
+                                      LogLine("Quit requested")}));
   EXPECT_EQ(harness.state().session_seq.load(), 0u);
   std::lock_guard<std::mutex> lock(harness.state().mode_mutex);
   EXPECT_EQ(harness.state().mode, "auto");
@@ -126,9 +126,9 @@ TEST(CommandLoop, StopWithoutStartInManualModeDecodesAnEmptyBuffer) {
   harness.StopCapture();
   EXPECT_EQ(harness.Lines(),
             (std::vector<std::string>{
-                Log("[SESSION-DIAG] cmd=stop seq=0 captured_samples=0 total_samples=0"),
-                Log("Capture stopped"), Log("No audio captured in this segment"),
-                Log("Quit requested")}));
+                LogLine("[SESSION-DIAG] cmd=stop seq=0 captured_samples=0 total_samples=0"),
+                LogLine("Capture stopped"), LogLine("No audio captured in this segment"),
+                LogLine("Quit requested")}));
 }
 
 TEST(CommandLoop, StartTwiceGrowsTheSequenceAndEmptiesTheBufferEachTime) {
@@ -160,12 +160,12 @@ TEST(CommandLoop, StartTwiceGrowsTheSequenceAndEmptiesTheBufferEachTime) {
   const std::vector<std::string> lines = harness.Lines();
   // The interrupted capture's samples are reported by the second start.
   EXPECT_EQ(lines[second],
-            Log("[SESSION-DIAG] cmd=start seq=2 prev_total_samples=4800 "
+            LogLine("[SESSION-DIAG] cmd=start seq=2 prev_total_samples=4800 "
                 "prev_captured_samples=4800 reset_applied_seq=1"));
-  const int first = IndexOfLine(lines, Log("[SESSION-DIAG] cmd=start seq=1 prev_total_samples=0 "
+  const int first = IndexOfLine(lines, LogLine("[SESSION-DIAG] cmd=start seq=1 prev_total_samples=0 "
                                            "prev_captured_samples=0 reset_applied_seq=0"));
-  EXPECT_GT(first, IndexOfLine(lines, Log("Capture started")));
-  EXPECT_GT(second, IndexOfLine(lines, Log("Capture started"), first));
+  EXPECT_GT(first, IndexOfLine(lines, LogLine("Capture started")));
+  EXPECT_GT(second, IndexOfLine(lines, LogLine("Capture started"), first));
   EXPECT_EQ(harness.state().session_seq.load(), 2u);
 }
 
@@ -181,7 +181,7 @@ TEST(CommandLoop, QuitWithACaptureRunningEndsTheRunWithoutDecoding) {
   ASSERT_TRUE(harness.WaitForEnd());
   harness.StopCapture();
   const std::vector<std::string> lines = harness.Lines();
-  EXPECT_EQ(lines.back(), Log("Quit requested"));
+  EXPECT_EQ(lines.back(), LogLine("Quit requested"));
   EXPECT_EQ(CountContaining(lines, "\"type\":\"result\""), 0);
   EXPECT_EQ(CountContaining(lines, "Capture stopped"), 0);
   std::lock_guard<std::mutex> lock(harness.audio().mutex);
@@ -200,8 +200,8 @@ TEST(CommandLoop, ClosingStdinAloneDoesNotEndTheRunWhileThePipeStaysOpen) {
   ASSERT_TRUE(harness.WaitForEnd());
   harness.StopCapture();
   EXPECT_EQ(harness.Lines(),
-            (std::vector<std::string>{Log("PCM keepalive: received 5.000000s audio"),
-                                      Log("PCM pipe closed")}));
+            (std::vector<std::string>{LogLine("PCM keepalive: received 5.000000s audio"),
+                                      LogLine("PCM pipe closed")}));
   EXPECT_TRUE(harness.state().pcm_closed.load());
 }
 
@@ -240,7 +240,7 @@ TEST(WaitForPcmDrainBeforeStopDecode, QuietPipeEndsTheWaitAfterTheQuietWindow) {
   // A lower bound only: the wait cannot end before 120 ms without audio.
   EXPECT_GE(waited, milliseconds(120));
   EXPECT_EQ(capture.Lines(), (std::vector<std::string>{
-                                 Log("offline_2pass stop drain finished by quiet window/timeout")}));
+                                 LogLine("offline_2pass stop drain finished by quiet window/timeout")}));
 }
 
 TEST(WaitForPcmDrainBeforeStopDecode, SteadyAudioIsWaitedForUntilTheCap) {
@@ -266,7 +266,7 @@ TEST(WaitForPcmDrainBeforeStopDecode, SteadyAudioIsWaitedForUntilTheCap) {
   // (the wait did end: this line is reached).
   EXPECT_GE(waited, milliseconds(300));
   EXPECT_EQ(capture.Lines(), (std::vector<std::string>{
-                                 Log("offline_2pass stop drain finished by quiet window/timeout")}));
+                                 LogLine("offline_2pass stop drain finished by quiet window/timeout")}));
 }
 
 }  // namespace

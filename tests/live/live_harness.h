@@ -29,6 +29,7 @@
 #include "support/json_fields.h"
 #include "support/kerrow_process.h"
 #include "support/stdout_capture.h"
+#include "support/output_lines.h"
 
 namespace kerrow::testing {
 
@@ -250,14 +251,6 @@ inline std::vector<std::string> LinesStartingWith(const std::vector<std::string>
   return out;
 }
 
-inline int IndexOfLine(const std::vector<std::string>& lines, const std::string& line,
-                       size_t from = 0) {
-  for (size_t i = from; i < lines.size(); ++i) {
-    if (lines[i] == line) return static_cast<int>(i);
-  }
-  return -1;
-}
-
 inline int CountContaining(const std::vector<std::string>& lines, const std::string& needle) {
   int count = 0;
   for (const auto& line : lines) count += line.find(needle) != std::string::npos ? 1 : 0;
@@ -272,27 +265,6 @@ inline bool IsResult(const std::string& line) {
 }
 inline bool IsPunctuated(const std::string& line) {
   return line.rfind("{\"type\":\"punctuated\"", 0) == 0;
-}
-
-// Lowercase letters, apostrophes and single blanks, for comparing transcripts.
-inline std::string PlainWords(const std::string& text) {
-  std::string out;
-  bool blank = false;
-  for (unsigned char c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c - 'A' + 'a');
-    if ((c >= 'a' && c <= 'z') || c == '\'') {
-      if (blank && !out.empty()) out.push_back(' ');
-      blank = false;
-      out.push_back(static_cast<char>(c));
-    } else {
-      blank = true;
-    }
-  }
-  return out;
-}
-
-inline std::string Log(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"log\"}";
 }
 
 }  // namespace kerrow::testing

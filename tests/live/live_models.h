@@ -15,6 +15,7 @@
 #include "engine/punc_backend.h"
 #include "engine/vad_backend.h"
 #include "support/kerrow_process.h"
+#include "support/test_audio.h"
 
 namespace kerrow::testing {
 
@@ -103,15 +104,6 @@ inline std::unique_ptr<OnlineBackend> LoadStreaming(StreamingModel model) {
   return online;
 }
 
-// Seconds of silence, as float samples at 16 kHz.
-inline std::vector<float> SilenceSeconds(double seconds) {
-  return std::vector<float>(static_cast<size_t>(seconds * 16000), 0.0f);
-}
-
-inline std::vector<float> Join(std::vector<float> a, const std::vector<float>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 }  // namespace kerrow::testing
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 TEST(PcmLoopSettings, DefaultsAt16k) {
@@ -72,4 +72,4 @@ TEST(PcmLoopSettings, SampleRateBelowOneMeans16k) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -295,11 +295,11 @@ TEST(PcmLoop, StartDuringACaptureAppliesEveryResetBetweenTwoChunks) {
   ASSERT_EQ(resets.size(), 4u);
   const std::string at = resets[1].find("at=pre-capture") != std::string::npos ? "pre-capture"
                                                                                 : "loop-top";
-  EXPECT_EQ(resets[0], Log("[SESSION-DIAG] pcm-pending-cleared at=" + at + " dropped_bytes=0"));
-  EXPECT_EQ(resets[1], Log("[SESSION-DIAG] session-reset-consumed seq=2 at=" + at +
+  EXPECT_EQ(resets[0], LogLine("[SESSION-DIAG] pcm-pending-cleared at=" + at + " dropped_bytes=0"));
+  EXPECT_EQ(resets[1], LogLine("[SESSION-DIAG] session-reset-consumed seq=2 at=" + at +
                            " pending_online_reset=1 pending_vad_reset=1"));
-  EXPECT_EQ(resets[2], Log("[SESSION-DIAG] vad-reset-applied seq=2 at=" + at));
-  EXPECT_EQ(resets[3], Log("[SESSION-DIAG] online-reset-applied seq=2 at=" + at));
+  EXPECT_EQ(resets[2], LogLine("[SESSION-DIAG] vad-reset-applied seq=2 at=" + at));
+  EXPECT_EQ(resets[3], LogLine("[SESSION-DIAG] online-reset-applied seq=2 at=" + at));
   // The new capture's first partial starts over, under id 1 again.
   const int first_partial = harness.WaitForLineContaining("first-partial seq=2", milliseconds(0));
   ASSERT_GE(first_partial, 0);
@@ -322,7 +322,7 @@ TEST(PcmLoop, SecondPassEveryZeroEmitsFirstPassResultsOnlyAndSaysSoOnce) {
   EXPECT_EQ(CountContaining(lines, "\"type\":\"result\""), 0);
   EXPECT_EQ(CountContaining(lines, "\"type\":\"punctuated\""), 2);
   EXPECT_EQ(CountContaining(lines, "realtime 2pass disabled by config"), 1);
-  EXPECT_GE(IndexOfLine(lines, Log("[M3] realtime 2pass disabled by config (second_pass_every=0)")),
+  EXPECT_GE(IndexOfLine(lines, LogLine("[M3] realtime 2pass disabled by config (second_pass_every=0)")),
             0);
 }
 
@@ -340,8 +340,8 @@ TEST(PcmLoop, AudioBeforeTheFirstStartInManualModeIsCountedButNeverStored) {
   }
   QuitAndJoin(&harness);
   const std::vector<std::string> lines = harness.Lines();
-  EXPECT_EQ(lines, (std::vector<std::string>{Log("PCM keepalive: received 5.000000s audio"),
-                                             Log("Quit requested")}));
+  EXPECT_EQ(lines, (std::vector<std::string>{LogLine("PCM keepalive: received 5.000000s audio"),
+                                             LogLine("Quit requested")}));
   // 4.32 s of speech padded to whole chunks (4.4 s), then 1 s of silence.
   EXPECT_EQ(harness.state().total_samples.load(), 86400u);
 }
@@ -356,7 +356,7 @@ TEST(PcmLoop, ChunkDurationOfTenMillisecondsReadsChunksOf320Samples) {
   FeedAll(&harness, SilenceSeconds(0.1));
   QuitAndJoin(&harness);
   EXPECT_GE(IndexOfLine(harness.Lines(),
-                        Log("[SESSION-DIAG] first-chunk seq=1 reset_applied_seq=1 chunk_samples=320 "
+                        LogLine("[SESSION-DIAG] first-chunk seq=1 reset_applied_seq=1 chunk_samples=320 "
                             "pending_session_reset=0 pending_online_reset=0 pending_vad_reset=1")),
             0);
 }
@@ -384,7 +384,7 @@ TEST(PcmLoop, PipeClosingEndsTheRunAndDeliversTheLastShortChunk) {
   harness.CloseAudio();
   ASSERT_TRUE(harness.WaitForEnd());
   harness.StopCapture();
-  EXPECT_EQ(harness.Lines(), (std::vector<std::string>{Log("PCM pipe closed")}));
+  EXPECT_EQ(harness.Lines(), (std::vector<std::string>{LogLine("PCM pipe closed")}));
   EXPECT_TRUE(harness.state().pcm_closed.load());
   EXPECT_EQ(harness.state().total_samples.load(), 4000u);
   EXPECT_EQ(harness.state().captured_samples.load(), 4000u);
@@ -429,7 +429,7 @@ TEST(PcmLoop, ManualModeStopDecodesTheCaptureOnTheCommandThread) {
   QuitAndJoin(&harness);
   ASSERT_GE(result, 0);
   const std::vector<std::string> lines = harness.Lines();
-  EXPECT_EQ(lines[result - 1], Log("Capture stopped"));
+  EXPECT_EQ(lines[result - 1], LogLine("Capture stopped"));
   EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(lines[result]))), 0.3)
       << lines[result];
 }
@@ -452,7 +452,7 @@ TEST(PcmLoop, Offline2passStopDecodesTheWholeCaptureAfterThePipeDrains) {
   QuitAndJoin(&harness);
   ASSERT_GE(result, 0);
   const std::vector<std::string> lines = harness.Lines();
-  EXPECT_GE(IndexOfLine(lines, Log("offline_2pass stop drain finished by quiet window/timeout")), 0);
+  EXPECT_GE(IndexOfLine(lines, LogLine("offline_2pass stop drain finished by quiet window/timeout")), 0);
   EXPECT_EQ(lines[result].rfind("{\"type\":\"result\",\"stage\":\"second-pass\",\"mode\":"
                                 "\"offline_final\",\"is_final\":true,\"offline_2pass\":true,",
                                 0),

@@ -54,7 +54,7 @@ TEST_F(RealtimeBatch, ShortPairWaitsForASecondOfAudioAndTheNextSegmentDecodesAll
   capture.Stop();
   const std::vector<std::string> lines = capture.Lines();
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], Log("[M3] realtime 2pass pending short segment samples=11200 min_samples=16000"));
+  EXPECT_EQ(lines[0], LogLine("[M3] realtime 2pass pending short segment samples=11200 min_samples=16000"));
   const std::string text = JsonTextField(lines[1]);
   EXPECT_FALSE(text.empty());
   EXPECT_EQ(lines[1],
@@ -149,10 +149,10 @@ TEST(RealtimeBatchFailure, DecodeFailureEmptiesTheQueueAndTheNextSegmentStartsAN
             (std::vector<std::string>{
                 "{\"message\":\"Realtime VAD decode failed: Decoder is not initialized\","
                 "\"type\":\"error\"}",
-                Log("[M3] realtime 2pass batch skipped after decode failure"),
+                LogLine("[M3] realtime 2pass batch skipped after decode failure"),
                 "{\"message\":\"Realtime VAD decode failed: Decoder is not initialized\","
                 "\"type\":\"error\"}",
-                Log("[M3] realtime 2pass batch skipped after decode failure")}));
+                LogLine("[M3] realtime 2pass batch skipped after decode failure")}));
 }
 
 TEST(RealtimeBatchFailure, EmptyListAndSilenceEmitNothing) {

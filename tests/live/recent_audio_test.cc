@@ -4,7 +4,7 @@
 
 #include <vector>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 std::vector<float> Ramp(int from, int to) {
@@ -57,4 +57,4 @@ TEST(RecentAudio, ClearStartsTheNextCaptureAtPositionZero) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -4,7 +4,7 @@
 
 #include <limits>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 TEST(SinglePartialStepSamples, DefaultHalfSecondIs8000SamplesAt16k) {
@@ -51,4 +51,4 @@ TEST(SharedState, StartsZeroedWithModeAuto) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -184,7 +184,7 @@ TEST(SingleModelStreaming, StopCommitsTheUtteranceInProgress) {
   auto decoder = LoadTrainedDecoder();
   const SingleModelRun run = RunCapture(options, decoder.get(), ShortSpeech(), /*stop=*/true);
   ASSERT_EQ(run.results.size(), 1u);
-  const int stopped = IndexOfLine(run.lines, Log("Capture stopped"));
+  const int stopped = IndexOfLine(run.lines, LogLine("Capture stopped"));
   ASSERT_GE(stopped, 0);
   EXPECT_GT(IndexOfLine(run.lines, run.results[0]), stopped);
   // Committed up to the end of the capture: 4.32 s padded to 4.4 s.

@@ -3,7 +3,7 @@
 #include "live/single_model_streaming.h"
 #include "live/token_word_start.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 using Tokens = std::vector<std::string>;
@@ -60,4 +60,4 @@ TEST(TokenStartsWord, BlankMarkAndCjkStartWords) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -12,21 +12,9 @@
 #include "support/json_fields.h"
 #include "support/stdout_capture.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing_support::AudioPath;
-using testing_support::CharacterErrorRate;
-using testing_support::kSampleRate;
-using testing_support::ParsedSegment;
-using testing_support::ParseSegments;
-using testing_support::PatternSenseVoice;
-using testing_support::ReadRecording;
-using testing_support::ReadTextFile;
-using testing::StdoutCapture;
-using testing_support::StubWhisper;
-using testing_support::TrainedPunc;
-using testing_support::TrainedSenseVoice;
 
 struct ManualRun {
   bool ok = false;
@@ -108,7 +96,7 @@ TEST(ManualSegment, SpeechIsEmittedAsOneResultAndClearsStopFlush) {
   EXPECT_EQ(line.find("merged_text"), std::string::npos);
   const std::vector<ParsedSegment> segments = ParseSegments(line);
   ASSERT_EQ(segments.size(), 1u);
-  EXPECT_LT(CharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")), segments[0].text),
+  EXPECT_LT(NormalisedCharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")), segments[0].text),
             0.3)
       << segments[0].text;
   // Punctuated inside, but a text that may still grow shows no closing mark.
@@ -159,4 +147,4 @@ TEST(ManualSegment, WhisperCaptureOf40SecondsGivesTheTextOfBothPieces) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

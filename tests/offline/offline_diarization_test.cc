@@ -9,10 +9,9 @@
 #include "support/json_fields.h"
 #include "support/stdout_capture.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::StdoutCapture;
 
 // A diarizer with scripted answers that counts its calls: the rules under
 // test are about when the backend is asked at all, not about diarization.
@@ -160,4 +159,4 @@ TEST(MergeSpeechRanges, EmptyInputGivesEmptyList) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

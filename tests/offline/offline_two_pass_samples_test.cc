@@ -14,15 +14,9 @@
 #include "support/stdout_capture.h"
 #include "support/timing_mask.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::MaskTimings;
-using testing_support::PatternSenseVoice;
-using testing_support::ReadRecording;
-using testing::StdoutCapture;
-using testing_support::TrainedPunc;
-using testing_support::TrainedSenseVoice;
 
 std::vector<std::string> DecodeFromCaptureBuffer(const Options& options, OfflineDecoderBackend* decoder,
                                                  PuncBackend* punc, const std::vector<float>& samples) {
@@ -66,4 +60,4 @@ TEST(Offline2PassSamples, NoSamplesGiveTheEmptyResult) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

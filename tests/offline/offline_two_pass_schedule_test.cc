@@ -17,16 +17,9 @@
 #include "support/stdout_capture.h"
 #include "support/timing_mask.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::MaskTimings;
-using testing_support::ModelPath;
-using testing_support::PatternSenseVoice;
-using testing_support::ReadRecording;
-using testing::StdoutCapture;
-using testing_support::TrainedPunc;
-using testing_support::TrainedSenseVoice;
 
 struct Decoded {
   bool ok = false;
@@ -187,4 +180,4 @@ TEST(Offline2PassSchedule, DecoderThatIsNotLoadedFailsAsBefore) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

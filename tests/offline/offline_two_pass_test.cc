@@ -19,24 +19,9 @@
 #include "speaker/enroll_db.h"
 #include "speaker/speaker_identifier.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing_support::AudioPath;
-using testing_support::CharacterErrorRate;
-using testing_support::kSampleRate;
-using testing::LogMessages;
-using testing_support::MergedText;
-using testing_support::ModelPath;
-using testing_support::ParsedSegment;
-using testing_support::ParseSegments;
-using testing_support::PatternSenseVoice;
-using testing_support::ReadRecording;
-using testing_support::ReadTextFile;
-using testing::StdoutCapture;
-using testing_support::StubWhisper;
-using testing_support::TrainedPunc;
-using testing_support::TrainedSenseVoice;
 
 struct PipelineOutput {
   bool ok = false;
@@ -152,7 +137,7 @@ TEST(Offline2Pass, VadGroupsAreDecodedPunctuatedAndEmittedAsOneResult) {
   EXPECT_EQ(segments[0].start_ms, 0);
   EXPECT_EQ(segments[0].end_ms, 11680);
   EXPECT_EQ(segments[0].speaker, "");
-  EXPECT_LT(CharacterErrorRate(En10sReference(), segments[0].text), 0.25) << segments[0].text;
+  EXPECT_LT(NormalisedCharacterErrorRate(En10sReference(), segments[0].text), 0.25) << segments[0].text;
   EXPECT_NE(segments[0].text.find("。"), std::string::npos) << segments[0].text;
   const std::string merged = MergedText(result);
   EXPECT_NE(merged.find("。"), std::string::npos) << merged;
@@ -164,7 +149,7 @@ TEST(Offline2Pass, WithoutPunctuationModelTextStaysUnpunctuated) {
   ASSERT_TRUE(out.ok);
   const std::vector<ParsedSegment> segments = ParseSegments(ResultLine(out.lines));
   ASSERT_EQ(segments.size(), 1u);
-  EXPECT_LT(CharacterErrorRate(En10sReference(), segments[0].text), 0.25) << segments[0].text;
+  EXPECT_LT(NormalisedCharacterErrorRate(En10sReference(), segments[0].text), 0.25) << segments[0].text;
   EXPECT_EQ(segments[0].text.find("。"), std::string::npos);
   EXPECT_EQ(segments[0].text.find("，"), std::string::npos);
   // The merged text is the plain join of the segments.
@@ -186,7 +171,7 @@ TEST(Offline2Pass, WithoutVadModelDecodesInMaxGroupChunks) {
   EXPECT_EQ(segments[1].start_ms, 8000);
   EXPECT_EQ(segments[1].end_ms, 11743);
   // A chunk boundary can cut a word in two, hence the looser bound.
-  EXPECT_LT(CharacterErrorRate(En10sReference(), JoinedText(segments)), 0.35)
+  EXPECT_LT(NormalisedCharacterErrorRate(En10sReference(), JoinedText(segments)), 0.35)
       << JoinedText(segments);
 }
 
@@ -206,7 +191,7 @@ TEST(Offline2Pass, VadModelThatFailsToLoadFallsBackToChunks) {
   EXPECT_TRUE(AnyLineContains(out.lines, "groups=0"));
   const std::vector<ParsedSegment> segments = ParseSegments(ResultLine(out.lines));
   ASSERT_EQ(segments.size(), 1u);
-  EXPECT_LT(CharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")), segments[0].text),
+  EXPECT_LT(NormalisedCharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")), segments[0].text),
             0.3)
       << segments[0].text;
 }
@@ -236,7 +221,7 @@ TEST(Offline2Pass, SpeechOnlyAtTheEndIsFoundWhereItIs) {
   EXPECT_GE(segments[0].start_time, 2.7);
   EXPECT_LE(segments[0].start_time, 3.2);
   EXPECT_LE(segments[0].end_ms, static_cast<long>(samples.size() * 1000 / kSampleRate));
-  EXPECT_LT(CharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")), segments[0].text),
+  EXPECT_LT(NormalisedCharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")), segments[0].text),
             0.3)
       << segments[0].text;
   EXPECT_NE(segments[0].text.find("。"), std::string::npos);
@@ -257,7 +242,7 @@ TEST(Offline2Pass, SilenceAfterLastSpeechIsDecodedByTailCompensation) {
   EXPECT_TRUE(AnyLineContains(out.lines, group_end)) << group_end;
   const std::vector<ParsedSegment> segments = ParseSegments(ResultLine(out.lines));
   ASSERT_FALSE(segments.empty());
-  EXPECT_LT(CharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")),
+  EXPECT_LT(NormalisedCharacterErrorRate(ReadTextFile(AudioPath("espeak/en_short.txt")),
                                JoinedText(segments)),
             0.3)
       << JoinedText(segments);
@@ -423,7 +408,7 @@ TEST(Offline2Pass, DiarizationTurnsSplitTheTranscriptBySpeaker) {
   EXPECT_EQ(segments[1].start_ms, 6000);
   EXPECT_EQ(segments[1].end_ms, 11680);
   // Splitting shares the words out; none is lost.
-  EXPECT_LT(CharacterErrorRate(En10sReference(), JoinedText(segments)), 0.25)
+  EXPECT_LT(NormalisedCharacterErrorRate(En10sReference(), JoinedText(segments)), 0.25)
       << JoinedText(segments);
 }
 
@@ -556,4 +541,4 @@ TEST(Offline2Pass, IdentifiedSpeakersReplaceDiarizationLabels) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

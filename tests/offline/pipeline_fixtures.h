@@ -14,19 +14,11 @@
 #include "audio/wav_reader.h"
 #include "engine/offline_decoder_backend.h"
 #include "engine/punc_backend.h"
+#include "support/kerrow_process.h"
 
-namespace kerrow {
-namespace testing_support {
+namespace kerrow::testing {
 
 constexpr int kSampleRate = 16000;
-
-inline std::string ModelPath(const std::string& relative) {
-  return std::string(KERROW_MODELS_DIR) + "/" + relative;
-}
-
-inline std::string AudioPath(const std::string& relative) {
-  return std::string(KERROW_TEST_DATA_DIR) + "/audio/" + relative;
-}
 
 // The second-pass recognizers the tests run, loaded once per process: model
 // loading dominates the run time otherwise.
@@ -118,24 +110,11 @@ inline std::string NormalizeForCer(const std::string& text) {
   return out;
 }
 
-// Character error rate of hypothesis against reference (edit distance over
-// the reference length), both normalised first.
-inline double CharacterErrorRate(const std::string& reference, const std::string& hypothesis) {
+// CharacterErrorRate of the two texts after NormalizeForCer; 0 when nothing
+// of the reference is left to compare.
+inline double NormalisedCharacterErrorRate(const std::string& reference, const std::string& hypothesis) {
   const std::string ref = NormalizeForCer(reference);
-  const std::string hyp = NormalizeForCer(hypothesis);
-  std::vector<size_t> row(hyp.size() + 1);
-  for (size_t j = 0; j <= hyp.size(); ++j) row[j] = j;
-  for (size_t i = 1; i <= ref.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i;
-    for (size_t j = 1; j <= hyp.size(); ++j) {
-      const size_t above = row[j];
-      row[j] = std::min({row[j] + 1, row[j - 1] + 1,
-                         diagonal + (ref[i - 1] == hyp[j - 1] ? 0u : 1u)});
-      diagonal = above;
-    }
-  }
-  return ref.empty() ? 0.0 : static_cast<double>(row[hyp.size()]) / ref.size();
+  return ref.empty() ? 0.0 : CharacterErrorRate(ref, NormalizeForCer(hypothesis));
 }
 
 // One element of the "segments" array of a result record.
@@ -173,7 +152,6 @@ inline std::string MergedText(const std::string& result_line) {
   return std::regex_search(result_line, match, kMerged) ? match[1].str() : std::string();
 }
 
-}  // namespace testing_support
-}  // namespace kerrow
+}  // namespace kerrow::testing
 
 #endif  // KERROW_TESTS_OFFLINE_PIPELINE_FIXTURES_H_

@@ -9,11 +9,9 @@
 #include "support/json_fields.h"
 #include "support/stdout_capture.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::LogMessages;
-using testing::StdoutCapture;
 
 SegmentResult Segment(double start, double end, const std::string& text) {
   SegmentResult segment;
@@ -222,4 +220,4 @@ TEST(Utf8Scan, OnlyTheSixAsciiMarksAreBreaks) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

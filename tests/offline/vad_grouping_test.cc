@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 constexpr int64_t kRate = 16000;
@@ -203,4 +203,4 @@ TEST(VadGrouping, ChunkFallbackCoversRecordingInMaxGroupPieces) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

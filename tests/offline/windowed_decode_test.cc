@@ -9,13 +9,11 @@
 #include "engine/offline_decoder_backend.h"
 #include "offline/pipeline_fixtures.h"
 #include "offline/vad_grouping.h"
+#include "support/test_audio.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing_support::kSampleRate;
-using testing_support::PatternSenseVoice;
-using testing_support::StubWhisper;
 
 constexpr char kStubScript[] = "Hello world, this is a stub café.";
 
@@ -23,10 +21,6 @@ Options WhisperOptions() {
   Options options;
   options.second_type = "whisper";
   return options;
-}
-
-std::vector<float> SilenceSeconds(int seconds) {
-  return std::vector<float>(static_cast<size_t>(seconds) * kSampleRate, 0.0f);
 }
 
 std::vector<SampleSpan> WindowPieces(const Options& options, int64_t samples) {
@@ -120,4 +114,4 @@ TEST(DecodeWithinRecognizerWindow, MissingOrUnloadedDecoderFails) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -7,7 +7,7 @@
 #include <string>
 #include <tuple>
 
-#include "diarization/bad_model_files.h"
+#include "support/bad_model_files.h"
 #include "protocol_fixtures.h"
 #include "support/kerrow_process.h"
 

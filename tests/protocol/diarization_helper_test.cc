@@ -12,9 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include "diarization/rttm_turns.h"
+#include "support/rttm_turns.h"
 #include "protocol/live_fixtures.h"
 #include "protocol/protocol_fixtures.h"
+#include "support/diarization_model_dir.h"
 
 namespace kerrow::testing {
 namespace {
@@ -32,27 +33,9 @@ const std::string kHelperReady =
 const std::string kInitFailed = "[M2] Speaker diarization init failed: fluidaudio backend init failed: ";
 
 // A log line whose message matches the regex pattern.
-std::string Log(const std::string& pattern) { return "\\{\"message\":\"" + pattern + "\",\"type\":\"log\"\\}"; }
 
 std::string Dialog(const std::string& name) { return AudioPath("espeak-dialog/" + name); }
 std::string EmbeddingModel() { return ModelPath("trained/speaker-embedding/model.onnx"); }
-
-// A model directory holding both trained models under the names a user's
-// unpacked model folder has, so that the helper finds them by its search.
-class HelperModelDir {
- public:
-  HelperModelDir() {
-    Link("trained/segmentation-3spk/model.onnx", "segmentation-3.1.onnx");
-    Link("trained/speaker-embedding/model.onnx", "wespeaker.onnx");
-  }
-  const std::string& path() const { return dir_.path(); }
-
- private:
-  void Link(const std::string& model, const std::string& name) {
-    ASSERT_EQ(::symlink(ModelPath(model).c_str(), dir_.File(name).c_str()), 0);
-  }
-  TempDir dir_;
-};
 
 std::vector<std::string> DialogThroughHelperArgs(const std::string& model_dir) {
   return Concat({"--manual-mode", "--wav-input", Dialog("two-voices-dialog.wav"), "--diarization",
@@ -152,7 +135,7 @@ void EnrollAdaAndBert(const std::string& db) {
 bool ProcessIsGone(pid_t pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
 
 TEST(DiarizationHelper, KerrowDiarizeLabelsTheSpeakersOfAWavInput) {
-  HelperModelDir models;
+  DiarizationModelDir models;
   const ProcessResult r = RunKerrow(DialogThroughHelperArgs(models.path()));
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stderr_text, "");
@@ -170,7 +153,7 @@ TEST(DiarizationHelper, KerrowDiarizeLabelsTheSpeakersOfAWavInput) {
 }
 
 TEST(DiarizationHelper, EnrolledVoicesNameTheSpeakersDiarizedByKerrowDiarize) {
-  HelperModelDir models;
+  DiarizationModelDir models;
   TempDir db_dir;
   const std::string db = db_dir.File("speakers.db");
   ASSERT_NO_FATAL_FAILURE(EnrollAdaAndBert(db));
@@ -185,9 +168,9 @@ TEST(DiarizationHelper, EnrolledVoicesNameTheSpeakersDiarizedByKerrowDiarize) {
             Concat(Concat({kCreating, kDecoderReady, kHelperReady},
                           LoweredThreadsLines("[M2]", "--diarization-num-threads", 4)),
                    {LogLine("[M2] Speaker identification initialized (threshold=0.700000)")}));
-  EXPECT_NE(IndexOfMatch(r.stdout_lines, Log("\\[SPEAKER_ID\\] SPEAKER_00 -> Ada \\(score=0\\.\\d+\\)")), -1)
+  EXPECT_NE(IndexOfMatch(r.stdout_lines, LogPattern("\\[SPEAKER_ID\\] SPEAKER_00 -> Ada \\(score=0\\.\\d+\\)")), -1)
       << JoinLines(r.stdout_lines);
-  EXPECT_NE(IndexOfMatch(r.stdout_lines, Log("\\[SPEAKER_ID\\] SPEAKER_01 -> Bert \\(score=0\\.\\d+\\)")), -1)
+  EXPECT_NE(IndexOfMatch(r.stdout_lines, LogPattern("\\[SPEAKER_ID\\] SPEAKER_01 -> Bert \\(score=0\\.\\d+\\)")), -1)
       << JoinLines(r.stdout_lines);
   const int first_raw = IndexOfMatch(r.stdout_lines, "\\{\"message\":\"\\[DIARIZATION\\]\\[RAW\\].*");
   ASSERT_NE(first_raw, -1);
@@ -259,7 +242,7 @@ TEST(DiarizationHelper, AfterTheHelperDiesLaterLiveCapturesAreTranscribedWithout
 // the whole capture, kerrow-diarize diarizes it, and the enrolled names reach
 // its segments.
 TEST(DiarizationHelper, ALiveOffline2passStopThroughKerrowDiarizeCarriesEnrolledNames) {
-  HelperModelDir models;
+  DiarizationModelDir models;
   TempDir db_dir;
   const std::string db = db_dir.File("speakers.db");
   ASSERT_NO_FATAL_FAILURE(EnrollAdaAndBert(db));

@@ -18,10 +18,6 @@ const char kResultPrefix[] =
     "{\"type\":\"result\",\"stage\":\"second-pass\",\"mode\":\"offline_final\",\"is_final\":true,"
     "\"offline_2pass\":true,\"segments\":[";
 
-std::string Log(const std::string& pattern) {
-  return "\\{\"message\":\"" + pattern + "\",\"type\":\"log\"\\}";
-}
-
 ProcessResult DecodeWav(const std::string& wav, const std::vector<std::string>& model_args) {
   return RunKerrow(Concat({"--manual-mode", "--wav-input", wav}, model_args));
 }
@@ -60,17 +56,17 @@ TEST(FileDecode, WhisperStubWithoutVadDecodesTheWholeFileAsOneChunk) {
   EXPECT_EQ(lines[3], LogLine("WAV input: using unified offline_2pass decode path"));
   EXPECT_TRUE(std::regex_match(
       lines[4],
-      std::regex(Log("\\[TIMING\\]\\[VAD_AND_ASR\\] ms=\\d+ asr_decode_ms_sum=0 punc_group_ms_sum=0 groups=0"))))
+      std::regex(LogPattern("\\[TIMING\\]\\[VAD_AND_ASR\\] ms=\\d+ asr_decode_ms_sum=0 punc_group_ms_sum=0 groups=0"))))
       << lines[4];
   // "café" is 5 bytes: the count is in bytes.
-  EXPECT_TRUE(std::regex_match(lines[5], std::regex(Log("\\[TIMING\\]\\[PUNC_MERGED\\] ms=\\d+ chars=34"))))
+  EXPECT_TRUE(std::regex_match(lines[5], std::regex(LogPattern("\\[TIMING\\]\\[PUNC_MERGED\\] ms=\\d+ chars=34"))))
       << lines[5];
   EXPECT_EQ(lines[6],
             std::string(kResultPrefix) +
                 "{\"start_time\":0.00,\"end_time\":3.00,\"start_ms\":0,\"end_ms\":3000,"
                 "\"text\":\"Hello world, this is a stub café.\"}],"
                 "\"merged_text\":\"Hello world, this is a stub café.\"}");
-  EXPECT_TRUE(std::regex_match(lines[7], std::regex(Log("\\[TIMING\\]\\[TOTAL\\] ms=\\d+"))));
+  EXPECT_TRUE(std::regex_match(lines[7], std::regex(LogPattern("\\[TIMING\\]\\[TOTAL\\] ms=\\d+"))));
   EXPECT_EQ(lines[8], CompleteLine("WAV decode done"));
   EXPECT_EQ(r.stderr_text, "");
 }
@@ -101,23 +97,23 @@ TEST(FileDecode, TrainedModelWithVadAndPunctuationTranscribesTheRecording) {
 
   const std::string s = "\\d+\\.\\d{6}s";
   const int vad_lines = CountMatches(
-      lines, Log("\\[OFFLINE2PASS\\]\\[VAD\\] start=" + s + " end=" + s + " raw=" + s + " added=" + s +
+      lines, LogPattern("\\[OFFLINE2PASS\\]\\[VAD\\] start=" + s + " end=" + s + " raw=" + s + " added=" + s +
                  " acc=" + s + " max=8\\.000000s span=" + s + " span_max=disabled"));
   EXPECT_GE(vad_lines, 1) << JoinLines(lines);
-  const std::string cut = Log("\\[OFFLINE2PASS\\]\\[CUT\\] reason=(silence_gap|max_duration|flush) group_start=" + s +
+  const std::string cut = LogPattern("\\[OFFLINE2PASS\\]\\[CUT\\] reason=(silence_gap|max_duration|flush) group_start=" + s +
                               " group_end=" + s + " padded_start=" + s + " padded_end=" + s + " acc=" + s +
                               " max=8\\.000000s span=" + s + " span_max=disabled");
   const int cuts = CountMatches(lines, cut);
   EXPECT_GE(cuts, 1);
-  const int asr_lines = CountMatches(lines, Log("\\[TIMING\\]\\[ASR_DECODE\\] group_idx=\\d+ chunk_s=[0-9.]+ ms=\\d+"));
+  const int asr_lines = CountMatches(lines, LogPattern("\\[TIMING\\]\\[ASR_DECODE\\] group_idx=\\d+ chunk_s=[0-9.]+ ms=\\d+"));
   EXPECT_EQ(asr_lines, cuts);
   const int summary = IndexOfMatch(
-      lines, Log("\\[TIMING\\]\\[VAD_AND_ASR\\] ms=\\d+ asr_decode_ms_sum=\\d+ punc_group_ms_sum=\\d+ groups=" +
+      lines, LogPattern("\\[TIMING\\]\\[VAD_AND_ASR\\] ms=\\d+ asr_decode_ms_sum=\\d+ punc_group_ms_sum=\\d+ groups=" +
                  std::to_string(asr_lines)));
   ASSERT_GT(summary, 4) << JoinLines(lines);
-  const int merged = IndexOfMatch(lines, Log("\\[TIMING\\]\\[PUNC_MERGED\\] ms=\\d+ chars=\\d+"));
+  const int merged = IndexOfMatch(lines, LogPattern("\\[TIMING\\]\\[PUNC_MERGED\\] ms=\\d+ chars=\\d+"));
   const int result = IndexOfResult(lines);
-  const int total = IndexOfMatch(lines, Log("\\[TIMING\\]\\[TOTAL\\] ms=\\d+"));
+  const int total = IndexOfMatch(lines, LogPattern("\\[TIMING\\]\\[TOTAL\\] ms=\\d+"));
   EXPECT_LT(summary, merged);
   EXPECT_EQ(result, merged + 1);
   EXPECT_EQ(total, result + 1);
@@ -125,8 +121,8 @@ TEST(FileDecode, TrainedModelWithVadAndPunctuationTranscribesTheRecording) {
   EXPECT_EQ(static_cast<int>(lines.size()), total + 2);
 
   const std::string text = JsonStringField(lines[result], "merged_text");
-  const std::string reference = NormaliseForCer(ReadFileBytes(AudioPath("espeak/en10s.txt")));
-  EXPECT_LT(CharacterErrorRate(reference, NormaliseForCer(text)), 0.25) << text;
+  const std::string reference = PlainWords(ReadFileBytes(AudioPath("espeak/en10s.txt")));
+  EXPECT_LT(CharacterErrorRate(reference, PlainWords(text)), 0.25) << text;
   EXPECT_NE(text.find("。"), std::string::npos) << "the punctuation model marks sentence ends: " << text;
 
   // Every segment lies inside the 11.7 s recording, in order.
@@ -149,12 +145,12 @@ TEST(FileDecode, WithoutPunctuationModelTheTextStaysUnpunctuated) {
   const ProcessResult r = DecodeWav(AudioPath("espeak/en_short.wav"),
                                     Concat(TrainedSenseVoiceArgs(), {"--silero-vad-model", SileroVadModel()}));
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
-  EXPECT_EQ(IndexOfMatch(r.stdout_lines, Log("\\[M3\\].*")), -1);
+  EXPECT_EQ(IndexOfMatch(r.stdout_lines, LogPattern("\\[M3\\].*")), -1);
   const int result = IndexOfResult(r.stdout_lines);
   ASSERT_GE(result, 0);
   const std::string text = JsonStringField(r.stdout_lines[result], "merged_text");
   EXPECT_EQ(text.find("。"), std::string::npos) << text;
-  EXPECT_LT(CharacterErrorRate("hello world this is a test of the second pass recognizer", NormaliseForCer(text)),
+  EXPECT_LT(CharacterErrorRate("hello world this is a test of the second pass recognizer", PlainWords(text)),
             0.3)
       << text;
 }
@@ -162,9 +158,9 @@ TEST(FileDecode, WithoutPunctuationModelTheTextStaysUnpunctuated) {
 TEST(FileDecode, WithoutVadModelFallsBackToChunkDecoding) {
   const ProcessResult r = DecodeWav(AudioPath("espeak/en_short.wav"), TrainedSenseVoiceArgs());
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
-  EXPECT_EQ(CountMatches(r.stdout_lines, Log("\\[OFFLINE2PASS\\].*")), 0);
+  EXPECT_EQ(CountMatches(r.stdout_lines, LogPattern("\\[OFFLINE2PASS\\].*")), 0);
   EXPECT_GE(IndexOfMatch(r.stdout_lines,
-                         Log("\\[TIMING\\]\\[VAD_AND_ASR\\] ms=\\d+ asr_decode_ms_sum=0 punc_group_ms_sum=0 groups=0")),
+                         LogPattern("\\[TIMING\\]\\[VAD_AND_ASR\\] ms=\\d+ asr_decode_ms_sum=0 punc_group_ms_sum=0 groups=0")),
             0);
   const int result = IndexOfResult(r.stdout_lines);
   ASSERT_GE(result, 0);
@@ -172,7 +168,7 @@ TEST(FileDecode, WithoutVadModelFallsBackToChunkDecoding) {
   EXPECT_NE(r.stdout_lines[result].find("\"start_time\":0.00,\"end_time\":4.32"), std::string::npos)
       << r.stdout_lines[result];
   EXPECT_LT(CharacterErrorRate("hello world this is a test of the second pass recognizer",
-                               NormaliseForCer(JsonStringField(r.stdout_lines[result], "merged_text"))),
+                               PlainWords(JsonStringField(r.stdout_lines[result], "merged_text"))),
             0.3);
 }
 
@@ -183,7 +179,7 @@ TEST(FileDecode, VadModelThatFailsToLoadFallsBackToChunkDecoding) {
   const ProcessResult r =
       DecodeWav(AudioPath("espeak/en_short.wav"), Concat(TrainedSenseVoiceArgs(), {"--silero-vad-model", bad_vad}));
   ASSERT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
-  EXPECT_GE(IndexOfMatch(r.stdout_lines, Log("offline_2pass VAD init failed, fallback to chunk decode: .+")), 0)
+  EXPECT_GE(IndexOfMatch(r.stdout_lines, LogPattern("offline_2pass VAD init failed, fallback to chunk decode: .+")), 0)
       << JoinLines(r.stdout_lines);
   EXPECT_GE(IndexOfResult(r.stdout_lines), 0);
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
@@ -206,7 +202,7 @@ TEST(FileDecode, SpeechOnlyAtTheEndIsTranscribed) {
   ASSERT_GE(result, 0);
   const std::string& line = r.stdout_lines[result];
   EXPECT_LT(CharacterErrorRate("hello world this is a test of the second pass recognizer",
-                               NormaliseForCer(JsonStringField(line, "merged_text"))),
+                               PlainWords(JsonStringField(line, "merged_text"))),
             0.35)
       << line;
   // Nothing is transcribed in the leading silence.
@@ -222,7 +218,7 @@ TEST(FileDecode, RecordingWithoutSpeechIsDecodedWholeAndGivesAnEmptyResult) {
   const auto& lines = r.stdout_lines;
   const int tail = IndexOfLine(lines, LogLine("offline_2pass tail compensation enabled"));
   EXPECT_GE(tail, 0) << JoinLines(lines);
-  EXPECT_GE(IndexOfMatch(lines, Log("\\[TIMING\\]\\[ASR_DECODE\\] group_idx=0 chunk_s=1(\\.0+)? ms=\\d+")), 0)
+  EXPECT_GE(IndexOfMatch(lines, LogPattern("\\[TIMING\\]\\[ASR_DECODE\\] group_idx=0 chunk_s=1(\\.0+)? ms=\\d+")), 0)
       << JoinLines(lines);
   const int empty = IndexOfLine(lines, LogLine("offline_2pass finished with empty text"));
   ASSERT_GE(empty, 0) << JoinLines(lines);
@@ -371,7 +367,7 @@ TEST_P(BadModelFileTest, AsTheVadModelTheFileIsDecodedInChunks) {
   const ProcessResult r = RunKerrow(
       Concat({"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--silero-vad-model", model}, WhisperStubArgs()));
   EXPECT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
-  EXPECT_GE(IndexOfMatch(r.stdout_lines, Log("offline_2pass VAD init failed, fallback to chunk decode: .+")), 0)
+  EXPECT_GE(IndexOfMatch(r.stdout_lines, LogPattern("offline_2pass VAD init failed, fallback to chunk decode: .+")), 0)
       << JoinLines(r.stdout_lines);
   EXPECT_EQ(r.stdout_lines.back(), CompleteLine("WAV decode done"));
 }
@@ -400,7 +396,7 @@ TEST(FileDecode, ModelOfTheWrongFamilyIsRefusedForEachRole) {
       {"--manual-mode", "--wav-input", AudioPath("format-checks/3s.wav"), "--silero-vad-model", TrainedPunctuationModel()},
       WhisperStubArgs()));
   EXPECT_EQ(as_vad.exit_status, 0) << JoinLines(as_vad.stdout_lines);
-  EXPECT_GE(IndexOfMatch(as_vad.stdout_lines, Log("offline_2pass VAD init failed, fallback to chunk decode: .+")), 0);
+  EXPECT_GE(IndexOfMatch(as_vad.stdout_lines, LogPattern("offline_2pass VAD init failed, fallback to chunk decode: .+")), 0);
 
   const ProcessResult whisper_as_sensevoice =
       RunKerrow({"--manual-mode", "--wav-input", AudioPath("format-checks/1s.wav"), "--second-model", WhisperStubEncoder(),

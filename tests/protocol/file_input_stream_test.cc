@@ -8,12 +8,12 @@
 
 #include <chrono>
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <vector>
 
-#include "audio/fifo_feeder.h"
+#include "support/fifo_feeder.h"
 #include "protocol/protocol_fixtures.h"
+#include "support/timing_mask.h"
 
 namespace kerrow::testing {
 namespace {
@@ -47,15 +47,6 @@ std::vector<std::string> PatternStubArgs() {
 std::vector<std::string> TrainedWithVadArgs() {
   return Concat(TrainedSenseVoiceArgs(),
                 {"--ct-transformer", TrainedPunctuationModel(), "--silero-vad-model", SileroVadModel()});
-}
-
-// Measured milliseconds are the only thing two decodes of the same audio may
-// differ in.
-std::vector<std::string> MaskTimings(const std::vector<std::string>& lines) {
-  static const std::regex timing("(ms|_ms_sum)=\\d+");
-  std::vector<std::string> masked;
-  for (const std::string& line : lines) masked.push_back(std::regex_replace(line, timing, "$1=#"));
-  return masked;
 }
 
 ProcessResult RunToEnd(const std::vector<std::string>& args, unsigned long long address_space_limit = 0) {

@@ -14,6 +14,7 @@
 
 #include "protocol/protocol_fixtures.h"
 #include "support/json_fields.h"
+#include "support/test_audio.h"
 
 namespace kerrow::testing {
 
@@ -66,15 +67,6 @@ inline const std::string kLongReference =
     "text today is monday and the meeting starts at ten o'clock in the morning";
 
 inline std::vector<float> LongSpeech() { return LoadWavForTest(AudioPath("espeak/en10s.wav")); }
-
-inline std::vector<float> SilenceSeconds(double seconds) {
-  return std::vector<float>(static_cast<size_t>(seconds * 16000), 0.0f);
-}
-
-inline std::vector<float> Join(std::vector<float> a, const std::vector<float>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 // Pads with silence up to a multiple of five seconds, so that the keepalive
 // line logged at that total tells the host that all of it has been read.

@@ -16,7 +16,7 @@ namespace {
 using std::chrono::seconds;
 
 std::string FirstWords(const std::string& text, int count) {
-  const std::string plain = NormaliseForCer(text);
+  const std::string plain = PlainWords(text);
   size_t end = 0;
   for (int i = 0; i < count && end != std::string::npos; ++i) {
     end = plain.find(' ', end == 0 ? 0 : end + 1);
@@ -55,7 +55,7 @@ TEST_P(LiveLookback, FirstWordsOfTheLiveResultMatchTheFileDecode) {
   const std::string wav = AudioPath(GetParam());
   const std::string file = FileTranscript(wav);
   const std::string live = LiveTranscript(wav);
-  ASSERT_FALSE(NormaliseForCer(file).empty());
+  ASSERT_FALSE(PlainWords(file).empty());
   EXPECT_EQ(FirstWords(live, 2), FirstWords(file, 2)) << "live: " << live << "\nfile: " << file;
 }
 

@@ -35,7 +35,7 @@ TEST(LiveSession, ManualModeStopDecodesTheCaptureAsOneSegment) {
                                 0),
             0u)
       << lines[result];
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(lines[result]))), 0.3)
+  EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(lines[result]))), 0.3)
       << lines[result];
   EXPECT_EQ(lines[result + 1], LogLine("Quit requested"));
 }
@@ -68,7 +68,7 @@ TEST(LiveSession, ManualRealtimePublishesPartialsClosesSegmentsAndBatchesResults
     EXPECT_EQ(JsonIntField(result, "segment_start_id"), id);
     EXPECT_EQ(JsonIntField(result, "segment_count"), 1);
     EXPECT_EQ(JsonIntField(result, "sessionId"), -999) << "no --session-id given";
-    EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(result))), 0.3)
+    EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(result))), 0.3)
         << result;
     const int closing = IndexOfMatch(
         lines, "\\{\"message\":\"\\[VAD\\] seg source=stream id=" + std::to_string(id) + " .*");
@@ -131,7 +131,7 @@ TEST(LiveSession, StopInManualRealtimeFlushesTheOpenSegmentAndForcesTheBatch) {
   const std::string text = JsonTextField(lines[result]);
   // The stop-time batch is final, so its text ends in a sentence mark.
   EXPECT_TRUE(EndsWithMark(text)) << text;
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(text)), 0.3) << text;
+  EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(text)), 0.3) << text;
 }
 
 TEST(LiveSession, Offline2passStopRunsTheWholeCapturePipeline) {
@@ -160,7 +160,7 @@ TEST(LiveSession, Offline2passStopRunsTheWholeCapturePipeline) {
             0u)
       << lines[result];
   EXPECT_LT(CharacterErrorRate(kShortReference + " " + kShortReference,
-                               NormaliseForCer(JsonStringField(lines[result], "merged_text"))),
+                               PlainWords(JsonStringField(lines[result], "merged_text"))),
             0.3)
       << lines[result];
   const int drained = IndexOfLine(lines, LogLine("offline_2pass stop drain finished by quiet window/timeout"));
@@ -187,7 +187,7 @@ TEST(LiveSession, SingleModelStreamingPublishesPartialsAndCommitsRealText) {
   EXPECT_GE(partials, 2);
   std::string committed;
   for (const auto& line : ResultLines(lines)) committed += JsonTextField(line) + " ";
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(committed)), 0.3) << committed;
+  EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(committed)), 0.3) << committed;
   EXPECT_EQ(JsonIntField(lines[result], "segment_id"), 1);
 }
 
@@ -270,7 +270,7 @@ TEST(LiveSession, AudioArrivesOnTheDescriptorNamedByAudioFdInF32le) {
   const int result = process->WaitForLine(IsResultLine, seconds(60));
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
-  EXPECT_LT(CharacterErrorRate(kShortReference, NormaliseForCer(JsonTextField(process->Lines()[result]))),
+  EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(process->Lines()[result]))),
             0.3);
 }
 

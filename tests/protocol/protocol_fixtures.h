@@ -14,6 +14,7 @@
 #include "common/thread_count_cap.h"
 #include "support/json_fields.h"
 #include "support/kerrow_process.h"
+#include "support/output_lines.h"
 
 namespace kerrow::testing {
 
@@ -86,17 +87,6 @@ inline std::string S16leBytes(const std::vector<float>& samples) {
   return out;
 }
 
-inline std::string LogLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"log\"}";
-}
-inline std::string ErrorLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"error\"}";
-}
-inline std::string CompleteLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"complete\"}";
-}
-inline const char* ReadyLine() { return "{\"type\":\"ready\"}"; }
-
 // The set-up line saying that a thread-count option asked for more threads
 // than this process may use; none when the request fits. The core count comes
 // from the same place as kerrow's, so the expectation holds on any machine.
@@ -111,14 +101,6 @@ inline std::vector<std::string> LoweredThreadsLines(const std::string& tag, cons
 // give; it comes first, before the second-pass model loads.
 inline std::vector<std::string> LoweredSecondPassThreadsLines(int32_t requested = 4) {
   return LoweredThreadsLines("[M2]", "--num-threads-second", requested);
-}
-
-// Index of the first line at or after `from` that equals `line`, or -1.
-inline int IndexOfLine(const std::vector<std::string>& lines, const std::string& line, size_t from = 0) {
-  for (size_t i = from; i < lines.size(); ++i) {
-    if (lines[i] == line) return static_cast<int>(i);
-  }
-  return -1;
 }
 
 // Index of the first line at or after `from` that fully matches the regex, or -1.
@@ -149,24 +131,6 @@ inline int IndexOfResult(const std::vector<std::string>& lines) {
     if (lines[i].rfind("{\"type\":\"result\"", 0) == 0) return static_cast<int>(i);
   }
   return -1;
-}
-
-// Lowercase letters, apostrophes and single spaces: what the trained recognizer
-// emits, so references and hypotheses compare on the same alphabet.
-inline std::string NormaliseForCer(const std::string& text) {
-  std::string out;
-  bool pending_space = false;
-  for (unsigned char c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c - 'A' + 'a');
-    if ((c >= 'a' && c <= 'z') || c == '\'') {
-      if (pending_space && !out.empty()) out.push_back(' ');
-      pending_space = false;
-      out.push_back(static_cast<char>(c));
-    } else {
-      pending_space = true;
-    }
-  }
-  return out;
 }
 
 }  // namespace kerrow::testing

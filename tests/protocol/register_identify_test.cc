@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "audio/fifo_feeder.h"
+#include "support/fifo_feeder.h"
 #include "support/json_fields.h"
 #include "support/kerrow_process.h"
+#include "support/output_lines.h"
 
 namespace kerrow::testing {
 namespace {
@@ -25,12 +26,6 @@ constexpr char kHint[] =
 std::string EmbeddingModel() { return ModelPath("trained/speaker-embedding/model.onnx"); }
 std::string Clip(const std::string& name) { return AudioPath("espeak-dialog/" + name); }
 
-std::string ErrorLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"error\"}";
-}
-std::string LogLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"log\"}";
-}
 
 // The score a "[SPEAKER_ID] " log line reports, as written.
 std::string LoggedScore(const std::string& line) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "protocol/protocol_fixtures.h"
+#include "support/one_core_pin.h"
 
 namespace kerrow::testing {
 namespace {
@@ -238,17 +239,10 @@ TEST(RunSetUp, CountsWithinTheCoresAndBelowOneAreNotLogged) {
 // A cpuset (a container's limit, taskset) shows in the affinity mask, which the
 // child inherits: with one usable core every count above 1 is lowered to 1.
 TEST(RunSetUp, AffinityMaskOfOneCoreLowersTheCountToOne) {
-  cpu_set_t original;
-  CPU_ZERO(&original);
-  ASSERT_EQ(sched_getaffinity(0, sizeof(original), &original), 0);
-  int first_cpu = 0;
-  while (!CPU_ISSET(first_cpu, &original)) ++first_cpu;
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(first_cpu, &one);
-  ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
+  OneCorePin pin;
+  ASSERT_TRUE(pin.pinned());
   const ProcessResult r = RunKerrow(Concat(WhisperStubFileArgs(), {"--num-threads-second", "2"}));
-  ASSERT_EQ(sched_setaffinity(0, sizeof(original), &original), 0);
+  ASSERT_TRUE(pin.Restore());
   EXPECT_EQ(r.exit_status, 0) << JoinLines(r.stdout_lines);
   EXPECT_EQ(SetUpLines(r),
             (std::vector<std::string>{

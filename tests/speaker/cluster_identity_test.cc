@@ -12,16 +12,11 @@
 #include "speaker/enroll_db.h"
 #include "speaker_fixtures.h"
 #include "support/kerrow_process.h"
+#include "support/output_lines.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using speaker_test::DialogClip;
-using speaker_test::EmbeddingOfClip;
-using speaker_test::kRate;
-using speaker_test::TrainedOptions;
-using testing::LoadWavForTest;
-using testing::TempDir;
 
 void Enroll(const std::string& db, const std::string& name, const std::string& clip) {
   std::string error;
@@ -64,9 +59,6 @@ std::vector<std::string> CapturedLines(const std::string& text) {
   return lines;
 }
 
-std::string LogLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"log\"}";
-}
 
 class ClusterIdentity : public ::testing::Test {
  protected:
@@ -269,4 +261,4 @@ TEST_F(ClusterIdentity, ClusterWithTooLittleAudioIsUnmatchedWithScoreZero) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

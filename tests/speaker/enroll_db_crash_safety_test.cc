@@ -17,13 +17,9 @@
 #include "speaker/enroll_db_test_util.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using enroll_test::LeftoverTempFiles;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 constexpr int kDim = 192;
 
@@ -165,4 +161,4 @@ TEST(EnrollDbCrashSafety, EditKilledAtVaryingMomentsLeavesOldOrNewFile) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

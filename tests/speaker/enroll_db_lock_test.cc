@@ -19,11 +19,9 @@
 #include "speaker/enroll_db_test_util.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 constexpr int kWriters = 16;
 
@@ -146,7 +144,7 @@ TEST(EnrollDbLock, MissingDirectoryNeedsNoLockFile) {
   EnrollDbLock lock;
   std::string error;
   EXPECT_TRUE(lock.Acquire(dir.File("missing/db.txt"), &error)) << error;
-  EXPECT_FALSE(enroll_test::FileExists(dir.File("missing")));
+  EXPECT_FALSE(FileExists(dir.File("missing")));
 }
 
 // Edits that find nothing to do on a database that does not exist yet leave
@@ -159,8 +157,8 @@ TEST(EnrollDbLock, NoOpEditOfAMissingDatabaseCreatesNoFile) {
   EXPECT_FALSE(found);
   EXPECT_TRUE(MigrateEnrollDb(path, nullptr));
   EXPECT_TRUE(RemoveEnrollByName(path, "X", nullptr, &found, nullptr));
-  EXPECT_TRUE(enroll_test::FilesStartingWith(dir.path(), "db.txt").empty());
+  EXPECT_TRUE(FilesStartingWith(dir.path(), "db.txt").empty());
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

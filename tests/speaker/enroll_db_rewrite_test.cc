@@ -17,19 +17,9 @@
 #include "speaker/enroll_db_test_util.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using enroll_test::kIdA;
-using enroll_test::kIdB;
-using enroll_test::kIdC;
-using enroll_test::kMd5A;
-using enroll_test::kMd5B;
-using enroll_test::kMd5C;
-using enroll_test::Lines;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 std::string IdLine(const std::string& id) { return "id " + id; }
 std::string EmbLine(const std::string& md5, const std::string& values) {
@@ -232,7 +222,7 @@ TEST(EnrollDbRewrite, NonFiniteEmbeddingIsNeverStored) {
     EXPECT_FALSE(AppendEnrollEmbedding(path, "", "Ann", kMd5A, embedding, &error, nullptr, nullptr));
     EXPECT_EQ(error, "register embedding holds a value that is not a finite number");
   }
-  EXPECT_FALSE(enroll_test::FileExists(path));
+  EXPECT_FALSE(FileExists(path));
 }
 
 // A database this user cannot read would otherwise look empty, and the next
@@ -243,7 +233,7 @@ TEST(EnrollDbRewrite, UnreadableDatabaseIsRefusedNotTakenForEmpty) {
   const std::string path = dir.File("db.txt");
   WriteFileBytes(path, Lines(SoundLines()));
   ASSERT_EQ(chmod(path.c_str(), 0222), 0);
-  const std::string message = enroll_test::RunInChild(
+  const std::string message = RunInChild(
       [&path] {
         std::string error;
         AppendEnrollEmbedding(path, "", "Dee", kMd5C, {0.5f, 0.5f}, &error, nullptr, nullptr);
@@ -348,4 +338,4 @@ TEST(EnrollDbRewrite, SymbolicLinkToAFileIsWrittenThroughToItsTarget) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

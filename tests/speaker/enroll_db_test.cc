@@ -18,24 +18,9 @@
 #include "speaker/uuid.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using enroll_test::FileExists;
-using enroll_test::LeftoverTempFiles;
-using enroll_test::InodeOf;
-using enroll_test::kIdA;
-using enroll_test::kIdB;
-using enroll_test::kIdC;
-using enroll_test::kMd5A;
-using enroll_test::kMd5B;
-using enroll_test::kMd5C;
-using enroll_test::Lines;
-using enroll_test::PermissionsOf;
-using enroll_test::RunInChild;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 // Alice (two voiceprints, one without md5) and Bob Smith, dimension 3.
 std::string TwoSpeakerDb() {
@@ -938,4 +923,4 @@ TEST(GenerateUuidV4, SuccessiveIdsDiffer) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -11,15 +11,11 @@
 #include "speaker/enroll_db.h"
 #include "speaker_fixtures.h"
 #include "support/kerrow_process.h"
+#include "support/output_lines.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using speaker_test::DialogClip;
-using speaker_test::EmbeddingOfClip;
-using speaker_test::TrainedModel;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 constexpr char kComplete[] = "{\"message\":\"Identification complete\",\"type\":\"complete\"}";
 
@@ -45,10 +41,6 @@ Outcome IdentifyOnly(const Options& options) {
   std::string line;
   while (std::getline(stream, line)) outcome.lines.push_back(line);
   return outcome;
-}
-
-std::string ErrorLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"error\"}";
 }
 
 // The score a "[SPEAKER_ID] " log line reports, as written.
@@ -256,4 +248,4 @@ TEST_F(IdentifyOnlyCommand, ThresholdOptionDecidesWhatCountsAsAMatch) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -8,11 +8,9 @@
 #include "speaker/enroll_db.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 // The reference digest comes from the system's md5sum, run on the same bytes.
 std::string SystemMd5(const std::string& file_path) {
@@ -104,4 +102,4 @@ TEST(Md5File, NullErrorPointerIsAllowed) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

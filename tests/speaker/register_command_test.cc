@@ -12,19 +12,11 @@
 #include "speaker/enroll_db.h"
 #include "speaker_fixtures.h"
 #include "support/kerrow_process.h"
+#include "support/output_lines.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using speaker_test::DialogClip;
-using speaker_test::EmbeddingOfClip;
-using speaker_test::StubModel;
-using speaker_test::TrainedModel;
-using speaker_test::Wav16Bytes;
-using testing::GitLfsPointerText;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 constexpr char kMd5AEnroll[] = "214b53ad927720f21c30289fc3260c68";
 constexpr char kMd5ATest[] = "a2ff2713e01324d94aec67a1b8daeba5";
@@ -47,12 +39,6 @@ Outcome Register(const Options& options) {
   return outcome;
 }
 
-std::string ErrorLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"error\"}";
-}
-std::string LogLine(const std::string& message) {
-  return "{\"message\":\"" + message + "\",\"type\":\"log\"}";
-}
 
 std::vector<std::string> FilesIn(const std::string& directory) {
   std::vector<std::string> names;
@@ -375,4 +361,4 @@ TEST_F(RegisterCommand, BareDatabaseFileNamePutsCopiesUnderSamplesInTheWorkingDi
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

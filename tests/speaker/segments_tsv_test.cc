@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 std::vector<DiarizationSegment> Parse(const std::string& text) {
@@ -96,4 +96,4 @@ TEST(SegmentsTsv, SingleLineParserReportsWhetherTheTurnIsKept) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

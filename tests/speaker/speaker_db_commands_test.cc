@@ -12,20 +12,9 @@
 #include "speaker/samples_dir.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using enroll_test::FileExists;
-using enroll_test::InodeOf;
-using enroll_test::kIdA;
-using enroll_test::kIdB;
-using enroll_test::kIdC;
-using enroll_test::kMd5A;
-using enroll_test::kMd5B;
-using enroll_test::kMd5C;
-using testing::ReadFileBytes;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 struct Outcome {
   int status = -1;
@@ -442,4 +431,4 @@ TEST(RunUnregister, DatabaseInMissingDirectoryIsNotFoundAndCreatesNothing) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -12,7 +12,7 @@
 #include "speaker/speaker_identifier.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow::speaker_test {
+namespace kerrow::testing {
 
 constexpr int kRate = 16000;
 
@@ -82,6 +82,6 @@ inline std::vector<float> EmbeddingOfClip(const std::string& clip) {
   return EmbeddingOf(testing::LoadWavForTest(DialogClip(clip)));
 }
 
-}  // namespace kerrow::speaker_test
+}  // namespace kerrow::testing
 
 #endif  // KERROW_TESTS_SPEAKER_SPEAKER_FIXTURES_H_

@@ -13,20 +13,9 @@
 #include "speaker_fixtures.h"
 #include "support/kerrow_process.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using speaker_test::DialogClip;
-using speaker_test::EmbeddingOf;
-using speaker_test::EmbeddingOfClip;
-using speaker_test::kRate;
-using speaker_test::StubModel;
-using speaker_test::TrainedModel;
-using speaker_test::TrainedOptions;
-using testing::GitLfsPointerText;
-using testing::LoadWavForTest;
-using testing::TempDir;
-using testing::WriteFileBytes;
 
 std::string InitError(const SpeakerIdentifierOptions& options) {
   SpeakerIdentifier identifier;
@@ -417,4 +406,4 @@ TEST(SpeakerIdentifier, FailedSecondInitLeavesTheIdentifierNotReady) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

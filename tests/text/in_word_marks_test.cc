@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 TEST(RestoreInWordMarks, ApostropheComesBackBetweenTheSameLetters) {
@@ -53,4 +53,4 @@ TEST(RestoreInWordMarks, WorksBesideMultiByteText) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 std::string Join(std::string text, const std::string& piece) {
@@ -43,4 +43,4 @@ TEST(AppendTextPiece, NoBlankAfterAnOpeningBracket) {
 TEST(AppendTextPiece, NullTextIsIgnored) { AppendTextPiece("x", nullptr); }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -13,11 +13,9 @@
 #include "support/stdout_capture.h"
 #include "common/utf8_punc.h"
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
-using testing::LogMessages;
-using testing::StdoutCapture;
 
 // The stub answers by a fixed table: "hello world how are you" becomes
 // "hello world，how are you？". The trained model really punctuates English.
@@ -259,9 +257,9 @@ TEST(EmitPunctuatedForPartial, NothingWithoutModelOrText) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing
 
-namespace kerrow {
+namespace kerrow::testing {
 namespace {
 
 const char kApostropheText[] = "i don't know what it's like but it's fine with me";
@@ -315,4 +313,4 @@ TEST(EmitPunctuatedForPartial, ApostropheSurvivesInThePunctuatedEvent) {
 }
 
 }  // namespace
-}  // namespace kerrow
+}  // namespace kerrow::testing

@@ -1,5 +1,5 @@
-#ifndef KERROW_TESTS_DIARIZATION_RTTM_TURNS_H_
-#define KERROW_TESTS_DIARIZATION_RTTM_TURNS_H_
+#ifndef KERROW_TESTS_SUPPORT_RTTM_TURNS_H_
+#define KERROW_TESTS_SUPPORT_RTTM_TURNS_H_
 
 // Reference turns of the bundled conversations (RTTM lines: "SPEAKER file 1
 // start duration <NA> <NA> name ...") and how well a labelled hypothesis
@@ -103,4 +103,4 @@ inline LabelAgreement ScoreLabelAgreement(
 
 }  // namespace kerrow::testing
 
-#endif  // KERROW_TESTS_DIARIZATION_RTTM_TURNS_H_
+#endif  // KERROW_TESTS_SUPPORT_RTTM_TURNS_H_

@@ -1,5 +1,5 @@
-#ifndef KERROW_TESTS_DIARIZATION_BAD_MODEL_FILES_H_
-#define KERROW_TESTS_DIARIZATION_BAD_MODEL_FILES_H_
+#ifndef KERROW_TESTS_SUPPORT_BAD_MODEL_FILES_H_
+#define KERROW_TESTS_SUPPORT_BAD_MODEL_FILES_H_
 
 // The kinds of broken file a user may hand kerrow as a diarization model, each
 // of which would end the process if it reached the library unchecked.
@@ -92,4 +92,4 @@ inline void WriteBadModel(BadModelKind kind, const std::string& path,
 
 }  // namespace kerrow::testing
 
-#endif  // KERROW_TESTS_DIARIZATION_BAD_MODEL_FILES_H_
+#endif  // KERROW_TESTS_SUPPORT_BAD_MODEL_FILES_H_

@@ -1,5 +1,5 @@
-#ifndef KERROW_TESTS_AUDIO_FIFO_FEEDER_H_
-#define KERROW_TESTS_AUDIO_FIFO_FEEDER_H_
+#ifndef KERROW_TESTS_SUPPORT_FIFO_FEEDER_H_
+#define KERROW_TESTS_SUPPORT_FIFO_FEEDER_H_
 
 // A named pipe with a writer thread behind it, the way a shell's process
 // substitution hands a file to a program: the reader can only read it once,
@@ -73,4 +73,4 @@ class FifoFeeder {
 
 }  // namespace kerrow::testing
 
-#endif  // KERROW_TESTS_AUDIO_FIFO_FEEDER_H_
+#endif  // KERROW_TESTS_SUPPORT_FIFO_FEEDER_H_
