@@ -87,6 +87,30 @@ bool ReadRegisterSamples(const Options& options, const std::string& bytes, std::
   return ReadWavMonoFromStream(wav, options.sample_rate, bytes.size(), samples, error);
 }
 
+// Decodes the recording, computes its voiceprint and appends it to the
+// database; `already_registered` when another registration of the same file
+// landed first.
+bool EnrollRecording(const Options& options, const std::string& input, const std::string& md5,
+                     std::string* id, bool* already_registered, std::string* error) {
+  std::vector<float> samples;
+  if (!ReadRegisterSamples(options, input, &samples, error)) return false;
+  std::vector<float> embedding;
+  if (!ComputeRegisterEmbedding(options, samples, &embedding, error)) return false;
+  return AppendEnrollEmbedding(options.speaker_enroll_db, options.register_speaker_id,
+                               options.register_name, md5, embedding, error, already_registered, id);
+}
+
+// The "ok" reply; `id` is left out when null (a file found enrolled before
+// any id was read).
+JsonObject RegisterReply(const char* status, const std::string* id, const Options& options,
+                         const std::string& md5) {
+  JsonObject reply;
+  reply.AddString("type", "ok").AddString("status", status);
+  if (id != nullptr) reply.AddString("id", *id);
+  reply.AddString("name", options.register_name).AddString("md5", md5);
+  return reply;
+}
+
 }  // namespace
 
 int RunRegister(const Options& options) {
@@ -96,8 +120,6 @@ int RunRegister(const Options& options) {
     emitter.EmitError(missing);
     return 1;
   }
-  const std::string& db = options.speaker_enroll_db;
-  const std::string& name = options.register_name;
 
   std::string error;
   std::string input;
@@ -107,53 +129,24 @@ int RunRegister(const Options& options) {
   // A file already enrolled is answered before its audio is decoded or any
   // model is touched.
   error.clear();
-  if (EnrollDbContainsMd5(db, md5, &error)) {
-    emitter.EmitRawJson(JsonObject()
-                            .AddString("type", "ok")
-                            .AddString("status", "already_registered")
-                            .AddString("name", name)
-                            .AddString("md5", md5)
-                            .Text());
+  if (EnrollDbContainsMd5(options.speaker_enroll_db, md5, &error)) {
+    emitter.EmitRawJson(RegisterReply("already_registered", nullptr, options, md5).Text());
     return 0;
   }
   if (!error.empty()) return FailRegister(&emitter, error);
 
-  std::vector<float> samples;
-  if (!ReadRegisterSamples(options, input, &samples, &error)) {
-    return FailRegister(&emitter, error);
-  }
-  std::vector<float> embedding;
-  if (!ComputeRegisterEmbedding(options, samples, &embedding, &error)) {
-    return FailRegister(&emitter, error);
-  }
-
   bool already_registered = false;
   std::string id;
-  if (!AppendEnrollEmbedding(db, options.register_speaker_id, options.register_name, md5,
-                             embedding, &error, &already_registered, &id)) {
+  if (!EnrollRecording(options, input, md5, &id, &already_registered, &error)) {
     return FailRegister(&emitter, error);
   }
-  // Another registration of the same file may have landed while we computed.
   if (already_registered) {
-    emitter.EmitRawJson(JsonObject()
-                            .AddString("type", "ok")
-                            .AddString("status", "already_registered")
-                            .AddString("id", id)
-                            .AddString("name", name)
-                            .AddString("md5", md5)
-                            .Text());
+    emitter.EmitRawJson(RegisterReply("already_registered", &id, options, md5).Text());
     return 0;
   }
 
   const std::string sample_path = SaveSampleCopy(options, md5, input, &emitter);
-  emitter.EmitRawJson(JsonObject()
-                          .AddString("type", "ok")
-                          .AddString("status", "registered")
-                          .AddString("id", id)
-                          .AddString("name", name)
-                          .AddString("md5", md5)
-                          .AddString("sample", sample_path)
-                          .Text());
+  emitter.EmitRawJson(RegisterReply("registered", &id, options, md5).AddString("sample", sample_path).Text());
   return 0;
 }
 
