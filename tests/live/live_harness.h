@@ -30,6 +30,7 @@
 #include "support/kerrow_process.h"
 #include "support/stdout_capture.h"
 #include "support/output_lines.h"
+#include "support/test_audio.h"
 
 namespace kerrow::testing {
 
@@ -112,7 +113,7 @@ class LiveHarness {
   }
 
   bool WriteAudioBytes(const std::string& bytes) { return WriteAll(audio_write_, bytes); }
-  bool WriteAudio(const std::vector<float>& samples) { return WriteAudioBytes(S16le(samples)); }
+  bool WriteAudio(const std::vector<float>& samples) { return WriteAudioBytes(S16leBytes(samples)); }
   // Writes the samples at `speed` times real time (16 kHz) in 0.1 s pieces.
   bool PlayAudio(const std::vector<float>& samples, double speed) {
     constexpr size_t kPiece = 1600;
@@ -185,20 +186,6 @@ class LiveHarness {
   AudioBuffer& audio() { return audio_; }
   EventEmitter& emitter() { return emitter_; }
   const Options& options() const { return options_; }
-
-  static std::string S16le(const std::vector<float>& samples) {
-    std::string bytes;
-    bytes.reserve(samples.size() * 2);
-    for (float sample : samples) {
-      float scaled = sample * 32768.0f;
-      if (scaled > 32767.0f) scaled = 32767.0f;
-      if (scaled < -32768.0f) scaled = -32768.0f;
-      const auto value = static_cast<uint16_t>(static_cast<int16_t>(scaled));
-      bytes.push_back(static_cast<char>(value & 0xFF));
-      bytes.push_back(static_cast<char>(value >> 8));
-    }
-    return bytes;
-  }
 
  private:
   void JoinThreads() {

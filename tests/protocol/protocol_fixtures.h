@@ -15,6 +15,7 @@
 #include "support/json_fields.h"
 #include "support/kerrow_process.h"
 #include "support/output_lines.h"
+#include "support/test_audio.h"
 
 namespace kerrow::testing {
 
@@ -65,25 +66,6 @@ inline std::string WavBytes(const std::vector<int16_t>& samples, uint32_t sample
   out += "data";
   put32(&out, data_bytes);
   for (int16_t s : samples) put16(&out, static_cast<uint16_t>(s));
-  return out;
-}
-
-inline std::vector<int16_t> ToS16(const std::vector<float>& samples) {
-  std::vector<int16_t> out;
-  out.reserve(samples.size());
-  for (float s : samples) {
-    const float scaled = s * 32768.0f;
-    out.push_back(static_cast<int16_t>(scaled > 32767.0f ? 32767.0f : (scaled < -32768.0f ? -32768.0f : scaled)));
-  }
-  return out;
-}
-
-inline std::string S16leBytes(const std::vector<float>& samples) {
-  std::string out;
-  for (int16_t s : ToS16(samples)) {
-    out.push_back(static_cast<char>(static_cast<uint16_t>(s) & 0xFF));
-    out.push_back(static_cast<char>(static_cast<uint16_t>(s) >> 8));
-  }
   return out;
 }
 
