@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "protocol/protocol_fixtures.h"
+#include "support/bad_model_files.h"
 
 namespace kerrow::testing {
 namespace {
@@ -306,15 +307,7 @@ std::string MakeText(const TempDir& dir) {
   return dir.File("text.onnx");
 }
 std::string MakeRandomBytes(const TempDir& dir) {
-  std::string bytes(8192, '\0');
-  uint32_t x = 2463534242u;
-  for (char& c : bytes) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    c = static_cast<char>(x & 0xFF);
-  }
-  WriteFileBytes(dir.File("random.onnx"), bytes);
+  WriteFileBytes(dir.File("random.onnx"), PseudoRandomBytes(8192));
   return dir.File("random.onnx");
 }
 std::string MakeLfsPointer(const TempDir& dir) {

@@ -110,11 +110,7 @@ TEST_F(RegisterIdentifyProcess, EnrolledVoicesNameTheDialogClusters) {
   const std::string score_b = LoggedScore(identified.stdout_lines[1]);
   EXPECT_GT(std::stod(score_a), 0.5);
   EXPECT_GT(std::stod(score_b), 0.5);
-  auto turn = [](const std::string& start, const std::string& end, const std::string& label,
-                 const std::string& name, const std::string& score) {
-    return "{\"start_time\":" + start + ",\"end_time\":" + end + ",\"label\":\"" + label +
-           "\",\"speaker\":\"" + name + "\",\"score\":" + score + "}";
-  };
+  const auto turn = IdentifiedTurnJson;
   EXPECT_EQ(identified.stdout_lines,
             (std::vector<std::string>{
                 LogLine("[SPEAKER_ID] SPEAKER_00 -> Voice A (score=" + score_a + ")"),

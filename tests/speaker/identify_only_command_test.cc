@@ -173,11 +173,7 @@ TEST_F(IdentifyOnlyCommand, DialogVoicesAreNamedWithLogLinesBeforeTheResult) {
                                   ")\",\"type\":\"log\"}");
   EXPECT_GT(std::stod(score_a), 0.5);
   EXPECT_GT(std::stod(score_b), 0.5);
-  auto turn = [](const std::string& start, const std::string& end, const std::string& label,
-                 const std::string& name, const std::string& score) {
-    return "{\"start_time\":" + start + ",\"end_time\":" + end + ",\"label\":\"" + label +
-           "\",\"speaker\":\"" + name + "\",\"score\":" + score + "}";
-  };
+  const auto turn = IdentifiedTurnJson;
   EXPECT_EQ(outcome.lines[2],
             "{\"type\":\"identify-result\",\"speakers\":{\"SPEAKER_00\":\"A\",\"SPEAKER_01\":"
             "\"B\"},\"segments\":[" +

@@ -25,6 +25,14 @@ inline std::string LogPattern(const std::string& pattern) {
   return "\\{\"message\":\"" + pattern + "\",\"type\":\"log\"\\}";
 }
 
+// One element of the "segments" array of an identify-result line; times and
+// score as printed.
+inline std::string IdentifiedTurnJson(const std::string& start, const std::string& end, const std::string& label,
+                                      const std::string& name, const std::string& score) {
+  return "{\"start_time\":" + start + ",\"end_time\":" + end + ",\"label\":\"" + label + "\",\"speaker\":\"" +
+         name + "\",\"score\":" + score + "}";
+}
+
 // Index of the first line at or after `from` that equals `line`, or -1.
 inline int IndexOfLine(const std::vector<std::string>& lines, const std::string& line, size_t from = 0) {
   for (size_t i = from; i < lines.size(); ++i) {
