@@ -7,14 +7,9 @@
 #include "common/options.h"
 #include "live/host_command.h"
 #include "live/shared_state.h"
+#include "offline/decode_backends_fwd.h"
 
 namespace kerrow {
-
-class DiarizationBackend;
-class EventEmitter;
-class OfflineDecoderBackend;
-class PuncBackend;
-class SpeakerIdentifier;
 
 // Body of the command thread of a live session: reads the host's one-line
 // commands from standard input and turns them into requests in `state` for

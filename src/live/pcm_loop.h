@@ -4,15 +4,11 @@
 #include "audio/audio_buffer.h"
 #include "common/options.h"
 #include "live/shared_state.h"
+#include "offline/decode_backends_fwd.h"
 
 namespace kerrow {
 
-class DiarizationBackend;
-class EventEmitter;
-class OfflineDecoderBackend;
 class OnlineBackend;
-class PuncBackend;
-class SpeakerIdentifier;
 class VadBackend;
 
 // Body of the PCM thread of a live session. Reads the host's audio from the

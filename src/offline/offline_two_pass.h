@@ -6,14 +6,10 @@
 #include <vector>
 
 #include "common/options.h"
+#include "offline/decode_backends_fwd.h"
 
 namespace kerrow {
 
-class DiarizationBackend;
-class EventEmitter;
-class OfflineDecoderBackend;
-class PuncBackend;
-class SpeakerIdentifier;
 struct AudioBuffer;
 
 // How the whole-recording decode runs. Only tests change it: they compare the
