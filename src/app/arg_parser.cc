@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "common/ascii_case.h"
+#include "common/error_text.h"
 
 namespace kerrow {
 
@@ -142,8 +143,7 @@ bool ScanArguments(int argc, char** argv, Options* options, std::string* error) 
   for (int index = 1; index < argc; ++index) {
     const std::string_view arg = argv[index] != nullptr ? argv[index] : "";
     if (arg == "-h" || arg == "--help") {
-      *error = "help";
-      return false;
+      return Fail(error, "help");
     }
     if (const auto flag = flags.find(arg); flag != flags.end()) {
       options->*(flag->second) = true;
@@ -155,8 +155,7 @@ bool ScanArguments(int argc, char** argv, Options* options, std::string* error) 
     if (text == texts.end() && integer == ints.end() && real == reals.end()) continue;
 
     if (index + 1 >= argc || argv[index + 1] == nullptr) {
-      *error = "Missing value for " + std::string(arg);
-      return false;
+      return Fail(error, "Missing value for " + std::string(arg));
     }
     // The next argument is the value whatever it looks like, even "--help".
     const char* value = argv[++index];
@@ -201,8 +200,8 @@ bool ResolveFirstModelType(Options* options, std::string* error) {
   std::string resolved = NormalizeFirstModelType(given);
   if (resolved.empty()) {
     if (!given.empty()) {
-      *error = "Unsupported --first-model-type: " + given + " (expect transducer|paraformer)";
-      return false;
+      return Fail(error,
+                  "Unsupported --first-model-type: " + given + " (expect transducer|paraformer)");
     }
     resolved = options->first_joiner.empty() ? "paraformer" : "transducer";
   }
@@ -217,8 +216,7 @@ bool ResolveSecondType(Options* options, std::string* error) {
   std::string resolved = NormalizeSecondType(given);
   if (resolved.empty()) {
     if (!given.empty()) {
-      *error = "Unsupported --second-type: " + given + " (expect sensevoice|whisper)";
-      return false;
+      return Fail(error, "Unsupported --second-type: " + given + " (expect sensevoice|whisper)");
     }
     const bool has_whisper_parts =
         !options->second_encoder.empty() || !options->second_decoder.empty();
@@ -230,19 +228,17 @@ bool ResolveSecondType(Options* options, std::string* error) {
 
 bool CheckSecondPassModel(const Options& options, std::string* error) {
   if (options.second_tokens.empty()) {
-    *error = "--second-tokens is required";
-    return false;
+    return Fail(error, "--second-tokens is required");
   }
   if (options.second_type == "whisper") {
     if (options.second_encoder.empty() || options.second_decoder.empty()) {
-      *error = "--second-encoder and --second-decoder are required when --second-type is whisper";
-      return false;
+      return Fail(error,
+                  "--second-encoder and --second-decoder are required when --second-type is whisper");
     }
     return true;
   }
   if (options.second_model.empty()) {
-    *error = "--second-model is required when --second-type is sensevoice";
-    return false;
+    return Fail(error, "--second-model is required when --second-type is sensevoice");
   }
   return true;
 }
@@ -253,10 +249,9 @@ bool CheckStreamingModel(const Options& options, std::string* error) {
                         !options.first_tokens.empty() &&
                         (!is_transducer || !options.first_joiner.empty());
   if (complete) return true;
-  *error = options.first_model_type == "paraformer"
-               ? "Streaming paraformer model paths are required when not in --manual-mode"
-               : "Streaming transducer model paths are required when not in --manual-mode";
-  return false;
+  return Fail(error, options.first_model_type == "paraformer"
+                         ? "Streaming paraformer model paths are required when not in --manual-mode"
+                         : "Streaming transducer model paths are required when not in --manual-mode");
 }
 
 // The rules run in a fixed order and only the first failure is reported.
@@ -264,19 +259,16 @@ bool Validate(Options* options, std::string* error) {
   // The engine and every model are trained for 16 kHz; even the one-shot
   // commands read audio at that rate.
   if (options->sample_rate != 16000) {
-    *error = "Only 16 kHz sample_rate is supported";
-    return false;
+    return Fail(error, "Only 16 kHz sample_rate is supported");
   }
   // The speaker-database commands and identify-only load no recognizer.
   if (IsOneShotCommand(*options)) return true;
 
   if (options->audio_format != "s16le" && options->audio_format != "f32le") {
-    *error = "Unsupported audio format: " + options->audio_format;
-    return false;
+    return Fail(error, "Unsupported audio format: " + options->audio_format);
   }
   if (!options->wav_input.empty() && !options->pcm_input.empty()) {
-    *error = "--wav-input and --pcm-input cannot be used together";
-    return false;
+    return Fail(error, "--wav-input and --pcm-input cannot be used together");
   }
   if (!ResolveFirstModelType(options, error)) return false;
   if (!ResolveSecondType(options, error)) return false;
