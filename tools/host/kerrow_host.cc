@@ -454,20 +454,23 @@ void ChildProcess::CloseFd(int* fd) {
 }
 
 bool PlayS16(ChildProcess* child, const std::vector<float>& samples, int sample_rate,
-             double speed, size_t chunk_samples) {
+             double speed, size_t chunk_samples, std::vector<Clock::time_point>* sent_at) {
   if (chunk_samples == 0) chunk_samples = 1;
+  const bool paced = speed > 0 && sample_rate > 0;
   const Clock::time_point start = Clock::now();
   for (size_t offset = 0; offset < samples.size(); offset += chunk_samples) {
     const size_t end = std::min(samples.size(), offset + chunk_samples);
-    const std::vector<float> chunk(samples.begin() + static_cast<std::ptrdiff_t>(offset),
-                                   samples.begin() + static_cast<std::ptrdiff_t>(end));
-    if (!child->WriteAudio(FloatToS16le(chunk))) return false;
-    if (speed > 0 && sample_rate > 0) {
-      // Sleep until the moment a live microphone would have delivered the next chunk.
+    if (paced) {
+      // A microphone hands over a block only once it has recorded all of it;
+      // sending it at its first sample would give the child audio from the future.
       const double seconds = static_cast<double>(end) / (sample_rate * speed);
       std::this_thread::sleep_until(
           start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds)));
     }
+    const std::vector<float> chunk(samples.begin() + static_cast<std::ptrdiff_t>(offset),
+                                   samples.begin() + static_cast<std::ptrdiff_t>(end));
+    if (!child->WriteAudio(FloatToS16le(chunk))) return false;
+    if (sent_at != nullptr) sent_at->push_back(Clock::now());
   }
   return true;
 }

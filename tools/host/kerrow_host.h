@@ -109,9 +109,12 @@ class ChildProcess {
 
 // Writes s16le samples into the child's audio pipe in chunks, pacing them so that
 // audio flows at `speed` times real time at `sample_rate` (speed <= 0: as fast as
-// the pipe accepts it). Returns false as soon as a write fails.
+// the pipe accepts it). Paced like a microphone: a chunk goes out once its last
+// sample has been "recorded", never before. When `sent_at` is given, it gets
+// the moment each chunk was written. Returns false as soon as a write fails.
 bool PlayS16(ChildProcess* child, const std::vector<float>& samples, int sample_rate,
-             double speed, size_t chunk_samples);
+             double speed, size_t chunk_samples,
+             std::vector<std::chrono::steady_clock::time_point>* sent_at = nullptr);
 
 // Ignores SIGPIPE in the calling process, so that writing into the pipe of a child
 // that has exited fails with EPIPE instead of killing the host.
