@@ -118,6 +118,18 @@ void SingleModelStreamer::OnChunk(bool speech_detected) {
     CommitAll(last_speech_position_);
     speech_active_ = false;
   }
+  if (!speech_detected && !speech_active_) SkipPause(capture_length);
+}
+
+void SingleModelStreamer::SkipPause(int64_t capture_length) {
+  // Between utterances the window holds no uncommitted speech. Left where the
+  // last commit put it, it would grow with the pause: the next utterance's
+  // first decode would cover the whole pause (slower, and past the window cap
+  // it commits the utterance's first word on its own), and the buffer would
+  // keep it. Only the lead-in that the VAD's late flag and the lookback need
+  // stays in front of the speech to come.
+  const int64_t lead_in_start = capture_length - settings_.recent_audio_keep;
+  if (lead_in_start > window_start_) RestartWindowAt(lead_in_start);
 }
 
 void SingleModelStreamer::DecodePartial(int64_t capture_length) {

@@ -61,6 +61,7 @@ class SingleModelStreamer {
   std::vector<int64_t> TokenBoundaries(const std::vector<float>& timestamps, size_t token_count,
                                        int64_t capture_length) const;
 
+  void SkipPause(int64_t capture_length);
   void DecodePartial(int64_t capture_length);
   void CommitStablePrefix(const std::vector<std::string>& tokens,
                           const std::vector<float>& timestamps, int64_t capture_length);

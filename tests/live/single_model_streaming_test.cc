@@ -286,3 +286,40 @@ TEST(SingleModelStreaming, CommittedAudioLeavesTheCaptureBuffer) {
 
 }  // namespace
 }  // namespace kerrow::testing
+
+namespace kerrow::testing {
+namespace {
+
+// A pause is not part of any utterance: while the VAD hears nothing, the
+// window keeps only the lead-in the next utterance may need, so a pause longer
+// than the window cap neither lands in the next decode nor cuts its first
+// words off, and the buffer stays that short however long the pause lasts.
+TEST(SingleModelStreaming, ALongPauseIsNeitherKeptNorDecodedWithTheNextUtterance) {
+  // Without the rolling commit each utterance gives exactly one result.
+  Options options = SingleModelOptions();
+  options.single_trim_cap = 0.0;
+  auto decoder = LoadTrainedDecoder();
+  const std::vector<float> pause = SilenceSeconds(12.0);
+  size_t held = 0;
+  uint64_t captured = 0;
+  const SingleModelRun run = RunCapture(
+      options, decoder.get(), Join(ShortSpeech(), pause), false,
+      [&](LiveHarness* harness) {
+        std::lock_guard<std::mutex> lock(harness->audio().mutex);
+        held = harness->audio().capture_samples.size();
+        captured = harness->state().captured_samples.load();
+      },
+      Join(ShortSpeech(), SilenceSeconds(1.5)));
+  const PcmLoopSettings settings = ComputePcmLoopSettings(options);
+  EXPECT_LE(held, static_cast<size_t>(settings.recent_audio_keep) + settings.chunk_samples)
+      << "captured " << captured;
+  ASSERT_EQ(run.results.size(), 2u) << JoinedResultText(run);
+  EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(run.results[1]))), 0.3)
+      << JsonTextField(run.results[1]);
+  // The second result starts where the second utterance does, not in the pause.
+  const double second_utterance_s = static_cast<double>(ShortSpeech().size() + pause.size()) / 16000;
+  EXPECT_GT(StartTime(run.results[1]), second_utterance_s - 0.5) << run.results[1];
+}
+
+}  // namespace
+}  // namespace kerrow::testing
