@@ -19,7 +19,11 @@
 //     the same model and thread count, best of the rounds.
 // What is left is kerrow's own share.
 //
-// usage: live_latency_bench [ROUNDS] [realtime|single]
+// usage: live_latency_bench [ROUNDS] [realtime|trained|single]
+//   realtime: manual realtime with the stub streaming model as first pass
+//   trained:  manual realtime with the trained lstm streaming model, whose
+//             per-chunk work and end-of-utterance finish are real
+//   single:   single-model streaming
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -222,20 +226,22 @@ bool MeasureBareDecodes(const std::string& model, const std::string& tokens, int
 }
 
 std::vector<std::string> LaunchArgs(const std::string& models, const std::string& sense_voice,
-                                    const std::string& tokens, bool single_model) {
+                                    const std::string& tokens, const std::string& mode) {
   std::vector<std::string> args = {"--manual-mode", "--manual-realtime", "--start-paused",
                                    "--silero-vad-model", KERROW_VAD_MODEL, "--second-model",
                                    sense_voice, "--second-tokens", tokens,
                                    "--num-threads-second", "1"};
-  if (single_model) {
+  if (mode == "single") {
     args.push_back("--single-model-streaming");
     return args;
   }
-  const std::string first = models + "/stubs/streaming-transducer/";
+  const std::string first = models + (mode == "trained" ? "/trained/streaming-lstm-en-char/"
+                                                        : "/stubs/streaming-transducer/");
   for (const std::string& arg :
        {std::string("--first-encoder"), first + "encoder.onnx", std::string("--first-decoder"),
         first + "decoder.onnx", std::string("--first-joiner"), first + "joiner.onnx",
-        std::string("--first-tokens"), first + "tokens.txt", std::string("--ct-transformer"),
+        std::string("--first-tokens"), first + "tokens.txt", std::string("--num-threads-first"),
+        std::string("1"), std::string("--ct-transformer"),
         models + "/trained/punct-en/model.onnx"}) {
     args.push_back(arg);
   }
@@ -246,7 +252,8 @@ std::vector<std::string> LaunchArgs(const std::string& models, const std::string
 
 int main(int argc, char** argv) {
   const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 2;
-  const bool single_model = argc > 2 && std::string(argv[2]) == "single";
+  const std::string mode = argc > 2 ? argv[2] : "realtime";
+  const bool single_model = mode == "single";
   kerrow::host::IgnoreSigpipe();
 
   const std::string models = KERROW_MODELS_DIR;
@@ -264,7 +271,7 @@ int main(int argc, char** argv) {
   kerrow::host::LaunchConfig launch;
   launch.binary = KERROW_BINARY;
   launch.audio_fd = 3;
-  launch.args = LaunchArgs(models, sense_voice, tokens, single_model);
+  launch.args = LaunchArgs(models, sense_voice, tokens, mode);
 
   TimedLines timed;
   kerrow::host::ChildProcess child;
@@ -342,7 +349,10 @@ int main(int argc, char** argv) {
 
   std::printf("live_latency_bench: %s, %d captures of %zu utterances at real-time pace, "
               "%.1f s pauses, %zu-sample blocks\n",
-              single_model ? "single-model streaming" : "manual realtime (stub first pass)", rounds,
+              single_model           ? "single-model streaming"
+              : mode == "trained"    ? "manual realtime (trained lstm first pass)"
+                                     : "manual realtime (stub first pass)",
+              rounds,
               utterances.size(), kPauseSeconds, kBlockSamples);
   PrintFigure("first audio -> first partial", first_partial_ms);
   PrintFigure("last speech sample -> result", result_ms);
