@@ -43,8 +43,10 @@ PcmLoopSettings ComputePcmLoopSettings(const Options& options) {
                                  SecondsToSamples(PositiveOr(options.single_max_window, 7.0), rate));
   settings.lookback = SecondsToSamples(std::min(options.vad_lookback, kMaxLiveLookbackSeconds), rate);
   const double min_speech_seconds = std::min(std::max(options.vad_min_speech, 0.0), kMaxUnheardSpeechSeconds);
-  settings.recent_audio_keep = settings.lookback + SecondsToSamples(min_speech_seconds, rate) +
-                               2 * kVadWindowSamples + SecondsToSamples(kRecentAudioMarginSeconds, rate);
+  settings.speech_lead_in =
+      settings.lookback + SecondsToSamples(min_speech_seconds, rate) + 2 * kVadWindowSamples;
+  settings.recent_audio_keep =
+      settings.speech_lead_in + SecondsToSamples(kRecentAudioMarginSeconds, rate);
   return settings;
 }
 

@@ -29,9 +29,13 @@ struct PcmLoopSettings {
   // (--vad-lookback, at most kMaxLiveLookbackSeconds, since a live session
   // cannot keep its whole capture for it).
   int64_t lookback = 3200;
+  // How far before the VAD's speech flag rises an utterance may begin, with
+  // the lookback its decode wants in front: the VAD dates a segment's start
+  // back by its own minimum speech and two of its windows.
+  int64_t speech_lead_in = 8224;
   // While the VAD hears no speech, how much of the newest audio the loop
-  // keeps: a segment that has not been detected yet starts at most this far
-  // back (its own minimum speech and two VAD windows), plus its lookback.
+  // keeps for the lookback of segments still to come: the lead-in and a
+  // second of margin, since keeping it costs only memory.
   int64_t recent_audio_keep = 24224;
 };
 

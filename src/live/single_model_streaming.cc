@@ -127,8 +127,9 @@ void SingleModelStreamer::SkipPause(int64_t capture_length) {
   // first decode would cover the whole pause (slower, and past the window cap
   // it commits the utterance's first word on its own), and the buffer would
   // keep it. Only the lead-in that the VAD's late flag and the lookback need
-  // stays in front of the speech to come.
-  const int64_t lead_in_start = capture_length - settings_.recent_audio_keep;
+  // stays in front of the speech to come; every decode pays for what is
+  // kept, so there is no margin beyond it.
+  const int64_t lead_in_start = capture_length - settings_.speech_lead_in;
   if (lead_in_start > window_start_) RestartWindowAt(lead_in_start);
 }
 

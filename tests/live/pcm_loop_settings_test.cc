@@ -15,7 +15,9 @@ TEST(PcmLoopSettings, DefaultsAt16k) {
   EXPECT_EQ(settings.trim_keep, 19200);
   EXPECT_EQ(settings.max_window, 112000);
   EXPECT_EQ(settings.lookback, 3200);
-  // Lookback, the VAD's minimum speech (0.25 s), two 512-sample windows and a second.
+  // Lookback, the VAD's minimum speech (0.25 s), two 512-sample windows...
+  EXPECT_EQ(settings.speech_lead_in, 3200 + 4000 + 1024);
+  // ... and a second.
   EXPECT_EQ(settings.recent_audio_keep, 3200 + 4000 + 1024 + 16000);
 }
 
@@ -60,6 +62,7 @@ TEST(PcmLoopSettings, LiveLookbackIsCappedSoThatTheLoopNeverKeepsTheWholeCapture
   options.vad_min_speech = 1e15;
   const PcmLoopSettings settings = ComputePcmLoopSettings(options);
   EXPECT_EQ(settings.lookback, 30 * 16000);
+  EXPECT_EQ(settings.speech_lead_in, 30 * 16000 + 30 * 16000 + 1024);
   EXPECT_EQ(settings.recent_audio_keep, 30 * 16000 + 30 * 16000 + 1024 + 16000);
 }
 

@@ -311,7 +311,7 @@ TEST(SingleModelStreaming, ALongPauseIsNeitherKeptNorDecodedWithTheNextUtterance
       },
       Join(ShortSpeech(), SilenceSeconds(1.5)));
   const PcmLoopSettings settings = ComputePcmLoopSettings(options);
-  EXPECT_LE(held, static_cast<size_t>(settings.recent_audio_keep) + settings.chunk_samples)
+  EXPECT_LE(held, static_cast<size_t>(settings.speech_lead_in) + settings.chunk_samples)
       << "captured " << captured;
   ASSERT_EQ(run.results.size(), 2u) << JoinedResultText(run);
   EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(run.results[1]))), 0.3)
