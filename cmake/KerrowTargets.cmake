@@ -52,12 +52,13 @@ function(kerrow_link_subsystems target)
   target_link_libraries(${target} PRIVATE sherpa_onnx_c_api Threads::Threads)
 endfunction()
 
-# kerrow_test_suite(NAME DEPS subsystem... [EXTRA_SOURCES file...] [NEEDS_BINARY])
+# kerrow_test_suite(NAME DEPS subsystem... [EXTRA_SOURCES file...] [NEEDS_BINARY] [LABELS label...])
 # Builds every *_test.cc of the calling folder into NAME_tests and registers each
-# test with CTest. EXTRA_SOURCES compiles single src/ files in without linking
-# their whole subsystem. NEEDS_BINARY makes the suite wait for the kerrow executable.
+# test with CTest, labelled NAME and any LABELS (`ctest -L` picks suites by label).
+# EXTRA_SOURCES compiles single src/ files in without linking their whole
+# subsystem. NEEDS_BINARY makes the suite wait for the kerrow executable.
 function(kerrow_test_suite name)
-  cmake_parse_arguments(ARG "NEEDS_BINARY" "" "DEPS;EXTRA_SOURCES" ${ARGN})
+  cmake_parse_arguments(ARG "NEEDS_BINARY" "" "DEPS;EXTRA_SOURCES;LABELS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*_test.cc)
   add_executable(${name}_tests ${sources} ${ARG_EXTRA_SOURCES})
   kerrow_apply_warnings(${name}_tests)
@@ -83,5 +84,16 @@ function(kerrow_test_suite name)
   endif()
   gtest_discover_tests(${name}_tests
     DISCOVERY_TIMEOUT 60
+    TEST_LIST ${name}_discovered_tests
     PROPERTIES LABELS ${name} TIMEOUT 600)
+  if(ARG_LABELS)
+    # The discovery script cannot pass a list of labels through, so a second
+    # script, read after it, labels the tests it found.
+    set(labels_script ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
+    file(WRITE ${labels_script}
+      "if(${name}_discovered_tests)\n"
+      "  set_tests_properties(\${${name}_discovered_tests} PROPERTIES LABELS \"${name};${ARG_LABELS}\")\n"
+      "endif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${labels_script})
+  endif()
 endfunction()

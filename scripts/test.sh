@@ -16,14 +16,19 @@ ctest --test-dir "$build" -j"$jobs" --output-on-failure
 if [ "${KERROW_SKIP_TSAN:-0}" != "1" ] && [ -f "$root/tests/live/CMakeLists.txt" ]; then
   tsan=${build}-tsan
   cmake -S "$root" -B "$tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKERROW_SANITIZE=thread >/dev/null
-  # The offline suite for the whole-file decode, whose VAD runs on a thread
-  # of its own beside the decoding.
-  cmake --build "$tsan" -j"$jobs" --target kerrow live_tests protocol_tests offline_tests
+  # The live suites ("live" label: in process, and the built binary's live
+  # sessions), and the offline suite for the whole-file decode, whose VAD runs
+  # on a thread of its own beside the decoding.
+  cmake --build "$tsan" -j"$jobs" --target kerrow kerrow-diarize live_tests protocol_live_tests offline_tests
   # The children inherit this: a race inside a kerrow process ends it with an
   # error status, which the binary-level tests report as a failure.
   export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
-  ctest --test-dir "$tsan" -L live -j"$jobs" --output-on-failure
-  ctest --test-dir "$tsan" -R '^(LiveSession|LiveSoak|Offline2PassSchedule)\.' -j"$jobs" --output-on-failure
+  # The diarizer runs its models on onnxruntime's own thread pool; the prebuilt
+  # library is not instrumented, so its hand-overs between pool threads are
+  # reported as races. Its suites stay out until those reports can be told
+  # from kerrow's.
+  ctest --test-dir "$tsan" -L live -E '^(DiarizationHelper|DiarizedTranscript)\.' -j"$jobs" --output-on-failure
+  ctest --test-dir "$tsan" -R '^Offline2PassSchedule\.' -j"$jobs" --output-on-failure
 fi
 
 if [ "${KERROW_SKIP_ASAN:-0}" != "1" ]; then

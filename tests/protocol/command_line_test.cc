@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/protocol_fixtures.h"
+#include "support/protocol_fixtures.h"
 
 namespace kerrow::testing {
 namespace {

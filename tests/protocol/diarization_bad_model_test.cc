@@ -8,7 +8,7 @@
 #include <tuple>
 
 #include "support/bad_model_files.h"
-#include "protocol_fixtures.h"
+#include "support/protocol_fixtures.h"
 #include "support/kerrow_process.h"
 
 namespace kerrow::testing {

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol_fixtures.h"
+#include "support/protocol_fixtures.h"
 #include "support/kerrow_process.h"
 
 namespace kerrow::testing {

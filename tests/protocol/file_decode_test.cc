@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "protocol/protocol_fixtures.h"
 #include "support/bad_model_files.h"
+#include "support/protocol_fixtures.h"
 
 namespace kerrow::testing {
 namespace {

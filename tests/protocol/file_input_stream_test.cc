@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "support/fifo_feeder.h"
-#include "protocol/protocol_fixtures.h"
+#include "support/protocol_fixtures.h"
 #include "support/timing_mask.h"
 
 namespace kerrow::testing {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/protocol_fixtures.h"
+#include "support/protocol_fixtures.h"
 #include "support/timing_mask.h"
 
 namespace kerrow::testing {

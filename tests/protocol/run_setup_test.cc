@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/protocol_fixtures.h"
+#include "support/protocol_fixtures.h"
 #include "support/one_core_pin.h"
 
 namespace kerrow::testing {

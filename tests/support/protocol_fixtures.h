@@ -1,5 +1,5 @@
-#ifndef KERROW_TESTS_PROTOCOL_PROTOCOL_FIXTURES_H_
-#define KERROW_TESTS_PROTOCOL_PROTOCOL_FIXTURES_H_
+#ifndef KERROW_TESTS_SUPPORT_PROTOCOL_FIXTURES_H_
+#define KERROW_TESTS_SUPPORT_PROTOCOL_FIXTURES_H_
 
 // Shared by the process-level tests: model paths, recording builders and line
 // matchers that read like the protocol they check.
@@ -117,4 +117,4 @@ inline int IndexOfResult(const std::vector<std::string>& lines) {
 
 }  // namespace kerrow::testing
 
-#endif  // KERROW_TESTS_PROTOCOL_PROTOCOL_FIXTURES_H_
+#endif  // KERROW_TESTS_SUPPORT_PROTOCOL_FIXTURES_H_

@@ -1,5 +1,5 @@
-#ifndef KERROW_TESTS_PROTOCOL_LIVE_FIXTURES_H_
-#define KERROW_TESTS_PROTOCOL_LIVE_FIXTURES_H_
+#ifndef KERROW_TESTS_PROTOCOL_LIVE_LIVE_FIXTURES_H_
+#define KERROW_TESTS_PROTOCOL_LIVE_LIVE_FIXTURES_H_
 
 // Shared by the process-level tests of the live session: command lines for
 // its modes, a started child and readers for the transcript records.
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/protocol_fixtures.h"
+#include "support/protocol_fixtures.h"
 #include "support/json_fields.h"
 #include "support/test_audio.h"
 
@@ -171,4 +171,4 @@ inline void QuitAndExpectCleanEnd(KerrowProcess* process) {
 
 }  // namespace kerrow::testing
 
-#endif  // KERROW_TESTS_PROTOCOL_LIVE_FIXTURES_H_
+#endif  // KERROW_TESTS_PROTOCOL_LIVE_LIVE_FIXTURES_H_

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "support/rttm_turns.h"
-#include "protocol/live_fixtures.h"
-#include "protocol/protocol_fixtures.h"
+#include "protocol_live/live_fixtures.h"
+#include "support/protocol_fixtures.h"
 #include "support/diarization_model_dir.h"
 
 namespace kerrow::testing {

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "support/rttm_turns.h"
-#include "live_fixtures.h"
-#include "protocol_fixtures.h"
+#include "protocol_live/live_fixtures.h"
+#include "support/protocol_fixtures.h"
 #include "support/kerrow_process.h"
 
 namespace kerrow::testing {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "protocol/live_fixtures.h"
+#include "protocol_live/live_fixtures.h"
 
 namespace kerrow::testing {
 namespace {
