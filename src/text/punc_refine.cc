@@ -188,20 +188,21 @@ std::string ExtractTailByPlain(const std::string& punctuated,
   if (plain_tail.empty()) return punctuated;
   const std::string& not_found = fallback.empty() ? punctuated : fallback;
 
-  std::vector<std::string> tokens;
-  std::vector<size_t> positions;
-  CollectPlainTokens(punctuated, &tokens, &positions);
-  std::vector<std::string> needle;
-  CollectPlainTokens(plain_tail, &needle);
+  // Blanks are left out of the match: the model may drop or replace the
+  // blank between two words (the guard that checks its output ignores
+  // blanks too), and a tail that no longer matches blank for blank must not
+  // fall back to an earlier match that drags the context along.
+  const WordChars words = CollectWordChars(punctuated);
+  const std::vector<std::string> needle = CollectWordChars(plain_tail).chars;
   if (needle.empty()) return not_found;
 
-  const size_t match = FindLastTokenSubseq(tokens, needle);
+  const size_t match = FindLastTokenSubseq(words.chars, needle);
   if (match == std::string::npos) return not_found;
 
   // The mark the model put between context and tail belongs to the tail (the
   // "，" opening a new clause), and so does white space after that mark;
   // white space in front of the mark stays behind.
-  size_t cut = positions[match];
+  size_t cut = words.offsets[match];
   size_t pos = cut;
   while (pos > 0) {
     const size_t prev = PrevUtf8Start(punctuated, pos);

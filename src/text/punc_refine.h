@@ -30,9 +30,9 @@ std::string ApplyRealtimePunc(PuncBackend* punc, EventEmitter* emitter,
                               const std::string& text, std::string* context,
                               int context_codepoints, bool is_final);
 
-// The part of punctuated that spells plain_tail (marks ignored), together
-// with the mark just in front of it. fallback (or punctuated when fallback is
-// empty) when the tail cannot be found.
+// The part of punctuated that spells plain_tail (marks and blanks ignored),
+// together with the mark just in front of it. fallback (or punctuated when
+// fallback is empty) when the tail cannot be found.
 std::string ExtractTailByPlain(const std::string& punctuated,
                                const std::string& plain_tail,
                                const std::string& fallback);

@@ -209,6 +209,13 @@ TEST(ExtractTailByPlain, BlankBetweenMarkAndTailTravelsButBlankBeforeMarkStays) 
   EXPECT_EQ(ExtractTailByPlain("one two , three", "three", "three"), ", three");
 }
 
+// The context "go go" and the segment "go go" glued together; the model
+// replaced the segment's blank with a mark. Matching blank for blank would
+// find the tail only at the start and hand back the context as well.
+TEST(ExtractTailByPlain, BlankTheModelReplacedStillFindsTheTailAtTheEnd) {
+  EXPECT_EQ(ExtractTailByPlain("go gogo，go", "go go", "go go"), "go，go");
+}
+
 TEST(ExtractTailByPlain, TailNotFoundGivesFallback) {
   EXPECT_EQ(ExtractTailByPlain("今天天气，很棒。", "很好", "很好"), "很好");
   EXPECT_EQ(ExtractTailByPlain("今天天气，很棒。", "很好", ""), "今天天气，很棒。");
