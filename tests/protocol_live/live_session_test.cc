@@ -14,15 +14,21 @@ namespace {
 
 using std::chrono::seconds;
 
+// Says "stop" once the PCM thread has counted all five seconds that were
+// sent, and returns the index of the result line (below 0 when none came).
+int StopAfterFiveSecondsAndWaitForResult(KerrowProcess* process) {
+  if (process->WaitForLineContaining("received 5.000000s audio", seconds(60)) < 0) return -1;
+  process->WriteCommand("stop");
+  return process->WaitForLine(IsResultLine, seconds(60));
+}
+
 TEST(LiveSession, ManualModeStopDecodesTheCaptureAsOneSegment) {
   auto process = StartLive(Concat({"--manual-mode", "--start-paused"}, TrainedSenseVoiceArgs()));
   // As a host would: audio sent before the PCM thread has taken up the new
   // capture is dropped as audio of the paused time.
   ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   ASSERT_TRUE(process->WriteAudioS16(PadToKeepalive(ShortSpeech())));
-  ASSERT_GE(process->WaitForLineContaining("received 5.000000s audio", seconds(60)), 0);
-  process->WriteCommand("stop");
-  const int result = process->WaitForLine(IsResultLine, seconds(60));
+  const int result = StopAfterFiveSecondsAndWaitForResult(process.get());
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
   const std::vector<std::string> lines = process->Lines();
@@ -116,9 +122,7 @@ TEST(LiveSession, StopInManualRealtimeFlushesTheOpenSegmentAndForcesTheBatch) {
   // segment when "stop" arrives.
   const std::vector<float> audio = Join(SilenceSeconds(5.0 - speech.size() / 16000.0), speech);
   ASSERT_TRUE(process->WriteAudioS16(audio));
-  ASSERT_GE(process->WaitForLineContaining("received 5.000000s audio", seconds(60)), 0);
-  process->WriteCommand("stop");
-  const int result = process->WaitForLine(IsResultLine, seconds(60));
+  const int result = StopAfterFiveSecondsAndWaitForResult(process.get());
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
   const std::vector<std::string> lines = process->Lines();
@@ -265,9 +269,7 @@ TEST(LiveSession, AudioArrivesOnTheDescriptorNamedByAudioFdInF32le) {
                            5);
   ASSERT_TRUE(StartCaptureAndWait(process.get(), 1));
   ASSERT_TRUE(process->WriteAudioF32(PadToKeepalive(ShortSpeech())));
-  ASSERT_GE(process->WaitForLineContaining("received 5.000000s audio", seconds(60)), 0);
-  process->WriteCommand("stop");
-  const int result = process->WaitForLine(IsResultLine, seconds(60));
+  const int result = StopAfterFiveSecondsAndWaitForResult(process.get());
   ASSERT_GE(result, 0) << JoinLines(process->Lines());
   QuitAndExpectCleanEnd(process.get());
   EXPECT_LT(CharacterErrorRate(kShortReference, PlainWords(JsonTextField(process->Lines()[result]))),
