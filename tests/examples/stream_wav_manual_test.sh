@@ -8,10 +8,9 @@
 set -euo pipefail
 python=$1 kerrow=$2 source=$3
 models=$source/models/trained
-fail() { echo "FAIL: $*" >&2; echo "--- sample host output:" >&2; cat "$out" >&2; exit 1; }
+# shellcheck source=sample_host_checks.sh
+source "$(dirname "$0")/sample_host_checks.sh"
 
-out=$(mktemp)
-trap 'rm -f "$out"' EXIT
 "$python" "$source/examples/stream_wav.py" --speed 0 --kerrow "$kerrow" \
   "$source/tests/data/audio/espeak/en_short.wav" -- \
   --manual-mode \
@@ -20,11 +19,9 @@ trap 'rm -f "$out"' EXIT
   --num-threads-second 1 \
   --ct-transformer "$models/punct-en/model.onnx" > "$out" || fail "the sample host exited with status $?"
 
-[ "$(head -n 1 "$out")" = "ready" ] || fail "the first line is not ready"
+expect_ready_first
 ! grep -q '^partial' "$out" || fail "--manual-mode alone writes no partials"
 [ "$(grep -c '^result' "$out")" -eq 1 ] || fail "expected one result for the one stop"
 grep -q '^result      \[---\] .*world.*second pass.*recognizer' "$out" ||
   fail "the result lacks the end of the recording"
-[ "$(tail -n 2 "$out")" = "complete    Session ended (partial M2)
-kerrow exited with status 0" ] || fail "the session did not end with the complete event and status 0"
-echo "sample host output checked: $(grep -c . "$out") lines"
+expect_clean_end
