@@ -4,7 +4,7 @@
 
 #include "app/arg_parser.h"
 #include "common/options.h"
-#include "app/out_of_memory_guard.h"
+#include "common/out_of_memory_guard.h"
 #include "app/run.h"
 #include "events/event_emitter.h"
 #include "speaker/identify_only_command.h"

@@ -11,7 +11,7 @@
 
 #include "app/library_busy_report.h"
 #include "app/library_thread_counts.h"
-#include "app/out_of_memory_guard.h"
+#include "common/out_of_memory_guard.h"
 #include "audio/audio_buffer.h"
 #include "audio/pcm_file_reader.h"
 #include "audio/wav_reader.h"

@@ -2,6 +2,7 @@
 
 #include "audio/wav_reader.h"
 #include "common/error_text.h"
+#include "common/out_of_memory_guard.h"
 #include "diarization/helper_line_protocol.h"
 
 namespace kerrow {
@@ -97,7 +98,14 @@ std::string DiarizeHelperUsage() {
 bool ServeDiarizeRequest(const std::string& request_line, DiarizationBackend* backend,
                          const ReplyLineWriter& write_line, std::string* problem) {
   std::vector<DiarizationSegment> turns;
-  DiarizeRequestedFile(request_line, backend, &turns, problem);
+  const bool had_memory = RunUnlessOutOfMemory(
+      [&] { DiarizeRequestedFile(request_line, backend, &turns, problem); });
+  if (!had_memory) {
+    // The request's buffers went with the unwinding; the models stay loaded,
+    // so the engine gets an empty answer now and real ones for later requests.
+    turns.clear();
+    *problem = "out of memory serving " + request_line;
+  }
   for (const DiarizationSegment& turn : turns) {
     if (!write_line(FormatHelperTurn(turn))) return false;
   }

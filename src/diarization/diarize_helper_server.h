@@ -39,8 +39,8 @@ std::string DiarizeHelperUsage();
 using ReplyLineWriter = std::function<bool(const std::string& line)>;
 
 // Answers one request line: a line per turn, then "DONE". A request that cannot
-// be served (not JSON, an unreadable or non-16 kHz file, a failed diarization)
-// still gets its "DONE", with no turns, so that the engine never waits for a
+// be served (not JSON, an unreadable or non-16 kHz file, a failed diarization,
+// no memory left for it) still gets its "DONE", with no turns, so that the engine never waits for a
 // reply that will not come; *problem then says why. Returns false only when a
 // reply line could not be written.
 bool ServeDiarizeRequest(const std::string& request_line, DiarizationBackend* backend,

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -59,6 +60,23 @@ class ScriptedBackend : public DiarizationBackend {
   std::string init_error_;
   std::string process_error_;
   bool ready_ = false;
+};
+
+// Runs out of memory on the first request, like a diarizer handed more audio
+// than the machine can hold, and answers later ones with one turn.
+class OutOfMemoryOnceBackend : public DiarizationBackend {
+ public:
+  bool Init(const DiarizationInitOptions& /*options*/, std::string* /*error*/) override { return true; }
+  bool IsReady() const override { return true; }
+  bool Process(const std::vector<float>& /*samples*/, int /*sample_rate*/,
+               std::vector<DiarizationSegment>* out, std::string* /*error*/) override {
+    if (calls_++ == 0) throw std::bad_alloc();
+    *out = {{0.0, 1.0, "SPEAKER_00"}};
+    return true;
+  }
+
+ private:
+  int calls_ = 0;
 };
 
 struct HelperRun {
@@ -210,6 +228,19 @@ TEST(RunDiarizeHelper, AnswersAFailedDiarizationWithDoneAlone) {
                                   Scripted(&record, {{0, 1, "SPEAKER_00"}}, "", "library said no"));
   EXPECT_EQ(run.replies, (std::vector<std::string>{"READY", "DONE"}));
   EXPECT_EQ(run.diagnostics, "kerrow-diarize: diarization of " + wav + " failed: library said no\n");
+}
+
+TEST(RunDiarizeHelper, AnswersARequestThatRanOutOfMemoryWithDoneAloneAndServesTheNext) {
+  TempDir dir;
+  const std::string wav = WriteFloatWav(dir, "a.wav", {0.1f}, 16000);
+  const HelperRun run = RunHelper(kResidentArgs, Request(wav) + Request(wav), [] {
+    return std::make_unique<OutOfMemoryOnceBackend>();
+  });
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.replies,
+            (std::vector<std::string>{"READY", "DONE", "0.000\t1.000\tSPEAKER_00", "DONE"}));
+  EXPECT_EQ(run.diagnostics,
+            "kerrow-diarize: out of memory serving {\"input\":\"" + wav + "\"}\n");
 }
 
 TEST(RunDiarizeHelper, ExitsBeforeReadyOnAnUnknownBackend) {

@@ -1,9 +1,11 @@
-#ifndef KERROW_APP_OUT_OF_MEMORY_GUARD_H_
-#define KERROW_APP_OUT_OF_MEMORY_GUARD_H_
+#ifndef KERROW_COMMON_OUT_OF_MEMORY_GUARD_H_
+#define KERROW_COMMON_OUT_OF_MEMORY_GUARD_H_
 
 // Running out of memory (a huge file, a memory limit the host set) must reach
 // the host as an error event and a failed exit status, not as an abort whose only
 // trace is a signal: the host shows our error events to the user, never stderr.
+// The diarization helper uses the same guard to answer one request empty and
+// keep its models loaded for the next.
 
 #include <new>
 #include <stdexcept>
@@ -30,4 +32,4 @@ bool RunUnlessOutOfMemory(Action&& action) {
 
 }  // namespace kerrow
 
-#endif  // KERROW_APP_OUT_OF_MEMORY_GUARD_H_
+#endif  // KERROW_COMMON_OUT_OF_MEMORY_GUARD_H_
