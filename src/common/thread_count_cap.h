@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <thread>
 
+#include "common/cpu_quota.h"
+
 #ifdef __linux__
 #include <sched.h>
 #endif
@@ -18,7 +20,7 @@ namespace kerrow {
 // The cores this process may run on: the affinity mask where the system keeps
 // one (a container's or taskset's cpuset shows there, not in the machine's
 // count), else the machine's count; 0 when neither is known.
-inline uint32_t UsableCoreCount() {
+inline uint32_t AffinityCoreCount() {
 #ifdef __linux__
   cpu_set_t mask;
   CPU_ZERO(&mask);
@@ -28,6 +30,15 @@ inline uint32_t UsableCoreCount() {
   }
 #endif
   return std::thread::hardware_concurrency();
+}
+
+// The cores this process can really use: its affinity mask, lowered to the
+// cores its CPU-time quota allows when it has one.
+inline uint32_t UsableCoreCount() {
+  const uint32_t cores = AffinityCoreCount();
+  const uint32_t quota = CpuQuotaCores();
+  if (quota == 0) return cores;
+  return cores == 0 || quota < cores ? quota : cores;
 }
 
 // `requested` lowered to `cores` when it asks for more. An unknown core count

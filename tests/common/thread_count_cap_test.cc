@@ -51,15 +51,23 @@ TEST(UsableCoreCount, IsKnownAndAtMostTheMachinesCount) {
   }
 }
 
+TEST(UsableCoreCount, IsTheAffinityMaskLoweredToTheCpuQuota) {
+  const uint32_t affinity = AffinityCoreCount();
+  const uint32_t quota = CpuQuotaCores();
+  EXPECT_EQ(UsableCoreCount(), quota > 0 && quota < affinity ? quota : affinity);
+}
+
 #ifdef __linux__
 // A cpuset (taskset, a container's limit) shows in the affinity mask only.
-TEST(UsableCoreCount, FollowsTheAffinityMask) {
+TEST(AffinityCoreCount, FollowsTheAffinityMask) {
   OneCorePin pin;
   ASSERT_TRUE(pin.pinned());
-  const uint32_t cores = UsableCoreCount();
+  const uint32_t cores = AffinityCoreCount();
+  const uint32_t usable = UsableCoreCount();
   ASSERT_TRUE(pin.Restore());
   EXPECT_EQ(cores, 1u);
-  EXPECT_EQ(UsableCoreCount(), static_cast<uint32_t>(pin.original_core_count()));
+  EXPECT_EQ(usable, 1u);
+  EXPECT_EQ(AffinityCoreCount(), static_cast<uint32_t>(pin.original_core_count()));
 }
 #endif
 
