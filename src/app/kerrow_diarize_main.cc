@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/out_of_memory_guard.h"
 #include "diarization/descriptor_write.h"
 #include "diarization/diarization_backend.h"
 #include "diarization/diarize_helper_server.h"
@@ -30,6 +31,15 @@ int main(int argc, char** argv) {
   const kerrow::ReplyLineWriter write_line = [protocol_fd](const std::string& line) {
     return kerrow::WriteAllToDescriptor(protocol_fd, line + "\n");
   };
-  return kerrow::RunDiarizeHelper(args, kerrow::MakeSherpaOnnxDiarizationBackend, std::cin,
-                                  write_line, std::cerr);
+  // A request that runs out of memory is answered empty inside; this catches
+  // the rest (loading the models), so the engine sees an exit, not an abort.
+  int status = 1;
+  if (!kerrow::RunUnlessOutOfMemory([&] {
+        status = kerrow::RunDiarizeHelper(args, kerrow::MakeSherpaOnnxDiarizationBackend,
+                                          std::cin, write_line, std::cerr);
+      })) {
+    std::cerr << "kerrow-diarize: " << kerrow::kOutOfMemoryMessage << std::endl;
+    return 1;
+  }
+  return status;
 }
